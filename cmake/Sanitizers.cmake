@@ -1,0 +1,18 @@
+# One switch for the whole tree, so every target of a preset is instrumented alike.
+if(HARBORKEEPER_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined -fno-sanitize-recover=all)
+elseif(HARBORKEEPER_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT HARBORKEEPER_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "HARBORKEEPER_SANITIZE must be address, thread or empty")
+endif()
+
+if(HARBORKEEPER_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "The fuzz targets need Clang (libFuzzer)")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
