@@ -1,0 +1,89 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "core/foundation/bytes.h"
+#include "core/foundation/date_time.h"
+
+// A typed value model for property lists, encoded and decoded with libplist.
+// Records map themselves to and from `plist::Value`; nothing outside this
+// file touches libplist.
+namespace harborkeeper::plist {
+
+class Value;
+using Array = std::vector<Value>;
+using Dictionary = std::map<std::string, Value, std::less<>>;
+
+class Value {
+ public:
+  using Storage = std::variant<std::string, bool, std::int64_t, double, Date, Bytes, Array, Dictionary>;
+
+  Value() : storage_(Dictionary{}) {}
+  Value(std::string v) : storage_(std::move(v)) {}                 // NOLINT(google-explicit-constructor)
+  Value(const char* v) : storage_(std::string(v)) {}               // NOLINT(google-explicit-constructor)
+  Value(bool v) : storage_(v) {}                                   // NOLINT(google-explicit-constructor)
+  Value(std::int64_t v) : storage_(v) {}                           // NOLINT(google-explicit-constructor)
+  Value(int v) : storage_(static_cast<std::int64_t>(v)) {}         // NOLINT(google-explicit-constructor)
+  Value(double v) : storage_(v) {}                                 // NOLINT(google-explicit-constructor)
+  Value(Date v) : storage_(v) {}                                   // NOLINT(google-explicit-constructor)
+  Value(Bytes v) : storage_(std::move(v)) {}                       // NOLINT(google-explicit-constructor)
+  Value(Array v) : storage_(std::move(v)) {}                       // NOLINT(google-explicit-constructor)
+  Value(Dictionary v) : storage_(std::move(v)) {}                  // NOLINT(google-explicit-constructor)
+
+  template <typename T>
+  [[nodiscard]] bool is() const { return std::holds_alternative<T>(storage_); }
+  // Null when the value holds another type.
+  template <typename T>
+  [[nodiscard]] const T* get() const { return std::get_if<T>(&storage_); }
+
+  [[nodiscard]] const Storage& storage() const { return storage_; }
+  bool operator==(const Value& other) const = default;
+
+ private:
+  Storage storage_;
+};
+
+enum class Format { xml, binary };
+
+// Thrown for bytes that are not a property list, or a property list of the
+// wrong shape. what() is the user-facing text, never the input.
+class DecodeError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+  // "The data couldn’t be read because it isn’t in the correct format."
+  static DecodeError corrupted();
+  // "The data couldn’t be read because it is missing."
+  static DecodeError missing();
+};
+
+Bytes encode(const Value& value, Format format);
+
+// Accepts XML and binary property lists. Nesting deeper than 64 levels is
+// refused rather than recursed into.
+Value decode(std::string_view bytes);
+inline Value decode(const Bytes& bytes) {
+  return decode(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+}
+
+// Typed access for record decoders. A missing key throws DecodeError::missing(),
+// a value of another type DecodeError::corrupted().
+const Dictionary& asDictionary(const Value& value);
+const Value& require(const Dictionary& dictionary, std::string_view key);
+const Value* find(const Dictionary& dictionary, std::string_view key);
+const std::string& requireString(const Dictionary& dictionary, std::string_view key);
+bool requireBool(const Dictionary& dictionary, std::string_view key);
+std::int64_t requireInteger(const Dictionary& dictionary, std::string_view key);
+Date requireDate(const Dictionary& dictionary, std::string_view key);
+const Bytes& requireData(const Dictionary& dictionary, std::string_view key);
+const Array& requireArray(const Dictionary& dictionary, std::string_view key);
+// Absent when the key is missing; throws corrupted() when present with another type.
+std::optional<std::string> optionalString(const Dictionary& dictionary, std::string_view key);
+
+}  // namespace harborkeeper::plist
