@@ -18,14 +18,18 @@ namespace date_time {
 std::string formatInternetDateTime(Date date);
 
 // Reads "YYYY-MM-DDTHH:MM:SS" followed by "Z" or a numeric offset "+HH:MM" /
-// "-HH:MM". No fractional seconds, no lower-case "t"/"z", fields range-checked
-// (including the day of the month). Nothing for anything else.
+// "-HH:MM" (also without the colon, "+HHMM"). No fractional seconds, no
+// lower-case "t"/"z", ASCII digits only, fields range-checked (including the
+// day of the month; no leap second, offset hours at most 23). Nothing for
+// anything else, nor for instants a Date cannot hold (it spans 1677-09-21 to
+// 2262-04-11).
 std::optional<Date> parseInternetDateTime(std::string_view text);
 
 // Whole seconds since 1970-01-01T00:00:00Z, truncated toward zero (so
 // -0.5 s gives 0).
 std::int64_t secondsSince1970(Date date);
 
+// Rounded to the nearest tick of Date; values beyond its range saturate.
 Date fromSecondsSince1970(double seconds);
 
 }  // namespace date_time

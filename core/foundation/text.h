@@ -18,15 +18,19 @@ bool isWhitespaceOnly(std::string_view text);
 // Full Unicode lower-casing (root locale).
 std::string lowercased(std::string_view text);
 
-// Literal (not pattern) case-insensitive search, by full case folding.
+// Literal (not pattern) case-insensitive search, by full case folding. A match
+// begins and ends on code point boundaries of the haystack ("s" is not found in
+// "ß", "ss" is). An empty needle is never found.
 bool containsCaseInsensitive(std::string_view haystack, std::string_view needle);
 
 // Replaces every non-overlapping, case-insensitive occurrence of `target`
-// (left to right) by `replacement`. An empty target leaves the text unchanged.
+// (left to right) by `replacement`. An empty target leaves the text unchanged;
+// the text between matches is kept byte for byte, invalid UTF-8 included.
 std::string replacingCaseInsensitive(std::string_view text, std::string_view target,
                                      std::string_view replacement);
 
-// Replaces every non-overlapping, exact (case-sensitive) occurrence of `target`.
+// Replaces every non-overlapping, exact (case-sensitive) occurrence of `target`
+// (bytewise, left to right). An empty target leaves the text unchanged.
 std::string replacingOccurrences(std::string_view text, std::string_view target,
                                  std::string_view replacement);
 
