@@ -14,7 +14,7 @@ struct CommandResult {
   std::string standardOutput;
   std::string standardError;
   // The tool's exit status; -1 it could not be started; -2 it was stopped for
-  // exceeding its time limit. A tool killed by a signal reports 128 + signal.
+  // exceeding its time limit. A tool ended by a signal reports the signal's number.
   std::int32_t exitCode = 0;
   bool timedOut = false;
 
@@ -40,7 +40,12 @@ class CommandExecutor {
 // working directory "/", its own process group, default signal dispositions,
 // no inherited descriptors. Output is drained while the tool runs. A run never
 // lasts longer than its limit + 1 s + 100 ms: past the limit the group gets
-// SIGTERM, one second later SIGKILL.
+// SIGTERM, one second later SIGKILL. A limit that is negative, NaN or infinite
+// counts as 0 (the tool is stopped at once and the run reports a timeout).
+// Once the tool itself has ended, leftovers of its group that still hold its
+// output open are killed rather than waited for.
+// Thread-safe: concurrent runs are independent. Callers must not set SIGCHLD
+// to SIG_IGN (the exit status would be lost; such a run reports -1).
 class CommandRunner final : public CommandExecutor {
  public:
   explicit CommandRunner(double defaultTimeout) : defaultTimeout_(defaultTimeout) {}
