@@ -1,12 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-
-#include <nlohmann/json.hpp>
 
 // JSON as the system writes it: keys sorted (nlohmann::json keeps objects in
 // a std::map), "/" never escaped, UTF-8 written as is.
@@ -24,9 +23,11 @@ class DecodeError : public std::runtime_error {
   static DecodeError missing();
 };
 
-// Compact: no white space between tokens.
+// Compact: no white space between tokens. Invalid UTF-8 in a string is
+// written as U+FFFD rather than failing.
 std::string serialize(const Json& value);
-// Two-space indentation and "key" : value separators, one member per line.
+// Two-space indentation and "key" : value separators, one member or element
+// per line, "{}" and "[]" for empty containers, no final newline.
 std::string serializePretty(const Json& value);
 
 // Strict RFC 8259 JSON (no comments, no trailing commas); nesting deeper than

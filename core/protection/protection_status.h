@@ -30,7 +30,9 @@ class ProtectionState {
     unknown,
   };
 
-  static ProtectionState needsPasswordUpdate(std::string message) { return {Kind::needsPasswordUpdate, std::move(message)}; }
+  static ProtectionState needsPasswordUpdate(std::string message) {
+    return {Kind::needsPasswordUpdate, std::move(message)};
+  }
   static ProtectionState failed(std::string message) { return {Kind::failed, std::move(message)}; }
   static ProtectionState of(Kind kind) { return {kind, {}}; }
 
@@ -59,7 +61,9 @@ struct HelperProtectionStatus {
   // Strict comparison: armed exactly at the boot date counts as before it.
   [[nodiscard]] ProtectionState protectionState(Date currentBootDate) const;
 
-  // XML property list with the keys "mode", "succeeded", "armedAt", "message".
+  // XML property list with the keys "mode", "succeeded", "armedAt", "message";
+  // the date in whole seconds. Throws plist::EncodeError for a message that is
+  // not valid UTF-8.
   [[nodiscard]] Bytes encodeXml() const;
   // Reads XML or binary. Throws plist::DecodeError for bytes that are not a
   // property list or miss a key, hold a wrong type or an unknown mode.
