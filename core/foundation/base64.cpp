@@ -10,13 +10,14 @@ constexpr std::string_view kStandardAlphabet =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr std::string_view kUrlAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
 
-using DecodeTable = std::array<std::int8_t, 256>;
+// Each byte's value in the alphabet, or -1.
+using DecodeTable = std::array<std::int16_t, 256>;
 
 constexpr DecodeTable makeDecodeTable(std::string_view alphabet) {
   DecodeTable table{};
   for (auto& entry : table) entry = -1;
   for (std::size_t i = 0; i < alphabet.size(); ++i) {
-    table[static_cast<std::uint8_t>(alphabet[i])] = static_cast<std::int8_t>(i);
+    table[static_cast<std::uint8_t>(alphabet[i])] = static_cast<std::int16_t>(i);
   }
   return table;
 }
@@ -47,6 +48,19 @@ std::string encodeWith(std::string_view bytes, std::string_view alphabet, bool p
   return out;
 }
 
+// The 24 bits that `count` (at most four) symbols stand for, missing ones
+// counting as zero; nothing if a symbol is outside the alphabet.
+std::optional<std::uint32_t> symbolBits(const DecodeTable& table, const std::uint8_t* symbols,
+                                        std::size_t count) {
+  std::uint32_t bits = 0;
+  for (std::size_t k = 0; k < 4; ++k) {
+    const int value = k < count ? table[symbols[k]] : 0;
+    if (value < 0) return std::nullopt;
+    bits = (bits << 6) | static_cast<std::uint32_t>(value);
+  }
+  return bits;
+}
+
 // Decodes text without padding whose length is not 4n+1. The bits below the
 // last whole byte must be zero so that every byte string has one encoding.
 std::optional<Bytes> decodeUnpadded(std::string_view text, const DecodeTable& table) {
@@ -56,23 +70,20 @@ std::optional<Bytes> decodeUnpadded(std::string_view text, const DecodeTable& ta
   const auto* in = reinterpret_cast<const std::uint8_t*>(text.data());
   std::size_t i = 0;
   for (; i + 4 <= text.size(); i += 4) {
-    const int a = table[in[i]], b = table[in[i + 1]], c = table[in[i + 2]], d = table[in[i + 3]];
-    if ((a | b | c | d) < 0) return std::nullopt;
-    const auto v = static_cast<std::uint32_t>((a << 18) | (b << 12) | (c << 6) | d);
-    out.push_back(static_cast<std::uint8_t>(v >> 16));
-    out.push_back(static_cast<std::uint8_t>(v >> 8));
-    out.push_back(static_cast<std::uint8_t>(v));
+    const auto bits = symbolBits(table, in + i, 4);
+    if (!bits) return std::nullopt;
+    out.push_back(static_cast<std::uint8_t>(*bits >> 16));
+    out.push_back(static_cast<std::uint8_t>(*bits >> 8));
+    out.push_back(static_cast<std::uint8_t>(*bits));
   }
   const std::size_t rest = text.size() - i;
   if (rest == 0) return out;
-  const int a = table[in[i]], b = table[in[i + 1]];
-  const int c = rest == 3 ? table[in[i + 2]] : 0;
-  if ((a | b | c) < 0) return std::nullopt;
-  const auto v = static_cast<std::uint32_t>((a << 18) | (b << 12) | (c << 6));
-  const std::uint32_t leftover = rest == 2 ? (v & 0xFFFF) : (v & 0xFF);
+  const auto bits = symbolBits(table, in + i, rest);
+  if (!bits) return std::nullopt;
+  const std::uint32_t leftover = rest == 2 ? (*bits & 0xFFFF) : (*bits & 0xFF);
   if (leftover != 0) return std::nullopt;
-  out.push_back(static_cast<std::uint8_t>(v >> 16));
-  if (rest == 3) out.push_back(static_cast<std::uint8_t>(v >> 8));
+  out.push_back(static_cast<std::uint8_t>(*bits >> 16));
+  if (rest == 3) out.push_back(static_cast<std::uint8_t>(*bits >> 8));
   return out;
 }
 

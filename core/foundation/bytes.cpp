@@ -6,7 +6,7 @@ namespace harborkeeper {
 
 Bytes toBytes(std::string_view text) { return Bytes(text.begin(), text.end()); }
 
-std::string toString(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
+std::string toString(const Bytes& bytes) { return std::string(asStringView(bytes)); }
 
 // The whole capacity is cleansed: earlier, shorter contents may linger past size().
 void secureWipe(std::string& secret) noexcept {

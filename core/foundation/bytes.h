@@ -12,6 +12,11 @@ using Bytes = std::vector<std::uint8_t>;
 Bytes toBytes(std::string_view text);
 std::string toString(const Bytes& bytes);
 
+// The bytes as characters, without a copy; valid while `bytes` is unchanged.
+inline std::string_view asStringView(const Bytes& bytes) noexcept {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
 // Overwrites the buffer in a way the optimiser cannot drop, then empties it.
 // Use on every buffer that held a password or a signing secret.
 void secureWipe(std::string& secret) noexcept;

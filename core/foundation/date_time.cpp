@@ -43,9 +43,11 @@ std::string formatInternetDateTime(Date date) {
   const std::chrono::year_month_day ymd{day};
   const std::chrono::hh_mm_ss time{whole - day};
   char buffer[32];
-  std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02uT%02d:%02d:%02dZ", int{ymd.year()},
-                unsigned{ymd.month()}, unsigned{ymd.day()}, static_cast<int>(time.hours().count()),
-                static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count()));
+  // Cannot be cut short: a Date's year always has four digits.
+  static_cast<void>(
+      std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02uT%02d:%02d:%02dZ", int{ymd.year()},
+                    unsigned{ymd.month()}, unsigned{ymd.day()}, static_cast<int>(time.hours().count()),
+                    static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count())));
   return buffer;
 }
 

@@ -3,13 +3,13 @@
 #include <cmath>
 #include <limits>
 
+#include "core/foundation/internal/decode_messages.h"
+
 namespace harborkeeper::json {
 
-DecodeError DecodeError::corrupted() {
-  return DecodeError("The data couldn’t be read because it isn’t in the correct format.");
-}
+DecodeError DecodeError::corrupted() { return DecodeError(internal::kCorruptedDataMessage); }
 
-DecodeError DecodeError::missing() { return DecodeError("The data couldn’t be read because it is missing."); }
+DecodeError DecodeError::missing() { return DecodeError(internal::kMissingDataMessage); }
 
 namespace {
 
@@ -69,6 +69,13 @@ bool nestingWithinLimit(std::string_view text) {
   return true;
 }
 
+// Null when the key is missing or holds null; `object` must be an object.
+const Json* member(const Json& object, std::string_view key) {
+  if (!object.is_object()) throw DecodeError::corrupted();
+  const auto found = object.find(key);
+  return found == object.end() || found->is_null() ? nullptr : &*found;
+}
+
 }  // namespace
 
 std::string serialize(const Json& value) { return dumpCompact(value); }
@@ -90,10 +97,9 @@ Json parse(std::string_view text) {
 }
 
 const Json& require(const Json& object, std::string_view key) {
-  if (!object.is_object()) throw DecodeError::corrupted();
-  const auto found = object.find(key);
-  if (found == object.end() || found->is_null()) throw DecodeError::missing();
-  return *found;
+  const Json* value = member(object, key);
+  if (value == nullptr) throw DecodeError::missing();
+  return *value;
 }
 
 const std::string& requireString(const Json& object, std::string_view key) {
@@ -130,11 +136,10 @@ std::int64_t requireInteger(const Json& object, std::string_view key) {
 }
 
 std::optional<std::string> optionalString(const Json& object, std::string_view key) {
-  if (!object.is_object()) throw DecodeError::corrupted();
-  const auto found = object.find(key);
-  if (found == object.end() || found->is_null()) return std::nullopt;
-  if (!found->is_string()) throw DecodeError::corrupted();
-  return found->get<std::string>();
+  const Json* value = member(object, key);
+  if (value == nullptr) return std::nullopt;
+  if (!value->is_string()) throw DecodeError::corrupted();
+  return value->get<std::string>();
 }
 
 }  // namespace harborkeeper::json

@@ -10,16 +10,15 @@
 #include <limits>
 #include <memory>
 
-#include "core/foundation/plist_binary_check.h"
-#include "core/foundation/plist_xml_check.h"
+#include "core/foundation/internal/decode_messages.h"
+#include "core/foundation/internal/plist_binary_check.h"
+#include "core/foundation/internal/plist_xml_check.h"
 
 namespace harborkeeper::plist {
 
-DecodeError DecodeError::corrupted() {
-  return DecodeError("The data couldn’t be read because it isn’t in the correct format.");
-}
+DecodeError DecodeError::corrupted() { return DecodeError(harborkeeper::internal::kCorruptedDataMessage); }
 
-DecodeError DecodeError::missing() { return DecodeError("The data couldn’t be read because it is missing."); }
+DecodeError DecodeError::missing() { return DecodeError(harborkeeper::internal::kMissingDataMessage); }
 
 EncodeError EncodeError::invalidValue() {
   return EncodeError("The data couldn’t be written because it isn’t in the correct format.");
@@ -27,7 +26,7 @@ EncodeError EncodeError::invalidValue() {
 
 namespace {
 
-using detail::kMaxDepth;
+using internal::kMaxDepth;
 
 // Property-list dates count seconds from 2001-01-01T00:00:00Z.
 constexpr std::int64_t kMicrosecondsFrom1970To2001 = 978'307'200'000'000;
@@ -57,30 +56,30 @@ Node checked(plist_t node) {
   return Node(node);
 }
 
-std::string toBinary(plist_t node) {
+// `write` is plist_to_xml or plist_to_bin; `Deleter` frees what it hands out.
+template <class Deleter, class Write>
+Bytes serialized(plist_t node, Write write) {
   char* raw = nullptr;
   std::uint32_t length = 0;
-  plist_to_bin(node, &raw, &length);
-  const std::unique_ptr<char, BinaryBufferDeleter> buffer(raw);
+  write(node, &raw, &length);
+  const std::unique_ptr<char, Deleter> buffer(raw);
   if (raw == nullptr) throw EncodeError::invalidValue();
-  return {raw, length};
+  return {raw, raw + length};
 }
 
 // libplist 2.2 reports dates as whole seconds plus an unsigned microsecond part
 // (losing the sign of dates just before 2001) and tells negative integers from
-// unsigned ones above INT64_MAX only in its binary writer. Serialising the lone
-// node gives the exact stored value.
-std::string_view loneObject(const std::string& binary) {
-  const auto layout = detail::readBinaryLayout(binary);
-  if (!layout) throw DecodeError::corrupted();
-  const auto offset = detail::objectOffset(*layout, layout->topObject);
-  if (!offset) throw DecodeError::corrupted();
-  return std::string_view(binary).substr(*offset, layout->tableOffset - *offset);
-}
-
-std::string encodeLoneNode(plist_t node) {
+// unsigned ones above INT64_MAX only in its binary writer. So a node is
+// written alone, and its object read back: marker first, then the exact value.
+std::string binaryObject(plist_t node) {
   const Node copy = checked(plist_copy(node));
-  return toBinary(copy.get());
+  const Bytes binary = serialized<BinaryBufferDeleter>(copy.get(), plist_to_bin);
+  const std::string_view view = asStringView(binary);
+  const auto layout = internal::readBinaryLayout(view);
+  if (!layout) throw DecodeError::corrupted();
+  const auto offset = internal::objectOffset(*layout, layout->topObject);
+  if (!offset) throw DecodeError::corrupted();
+  return std::string(view.substr(*offset, layout->tableOffset - *offset));
 }
 
 // ---- Decoding -------------------------------------------------------------
@@ -95,10 +94,9 @@ Date dateFromSeconds(double sinceReference) {
 }
 
 Date readDate(plist_t node) {
-  const std::string binary = encodeLoneNode(node);
-  const std::string_view object = loneObject(binary);
+  const std::string object = binaryObject(node);
   if (object.size() < 9 || static_cast<unsigned char>(object[0]) != 0x33) throw DecodeError::corrupted();
-  const std::uint64_t bits = detail::readBigEndian(object.substr(1), 0, 8);
+  const std::uint64_t bits = internal::readBigEndian(object, 1, 8);
   double seconds = 0;
   std::memcpy(&seconds, &bits, sizeof seconds);
   return dateFromSeconds(seconds);
@@ -111,15 +109,14 @@ std::int64_t readInteger(plist_t node) {
     return static_cast<std::int64_t>(value);
   }
   // Eight bytes (marker 0x13) is a negative number; sixteen (0x14) an unsigned one.
-  const std::string binary = encodeLoneNode(node);
-  const std::string_view object = loneObject(binary);
+  const std::string object = binaryObject(node);
   if (object.empty() || static_cast<unsigned char>(object[0]) != 0x13) throw DecodeError::corrupted();
   return static_cast<std::int64_t>(value);
 }
 
 std::string readText(const char* text, std::uint64_t length) {
   const std::string_view view(text == nullptr ? "" : text, text == nullptr ? 0 : length);
-  if (!detail::isValidUtf8WithoutNul(view)) throw DecodeError::corrupted();
+  if (!internal::isValidUtf8WithoutNul(view)) throw DecodeError::corrupted();
   return std::string(view);
 }
 
@@ -215,7 +212,7 @@ Node dateNode(Date date, Format format) {
   std::uint64_t bits = 0;
   std::memcpy(&bits, &seconds, sizeof bits);
 
-  std::string binary(detail::kBinaryMagic);
+  std::string binary(internal::kBinaryMagic);
   binary.push_back('\x33');  // the date object, at offset 8
   appendBigEndian(binary, bits, 8);
   const std::uint64_t tableOffset = binary.size();
@@ -231,7 +228,7 @@ Node dateNode(Date date, Format format) {
 }
 
 const std::string& checkedText(const std::string& text) {
-  if (!detail::isValidUtf8WithoutNul(text)) throw EncodeError::invalidValue();
+  if (!internal::isValidUtf8WithoutNul(text)) throw EncodeError::invalidValue();
   return text;
 }
 
@@ -239,8 +236,9 @@ Node toNode(const Value& value, Format format, std::size_t depth);
 
 Node arrayNode(const Array& array, Format format, std::size_t depth) {
   Node node = checked(plist_new_array());
-  for (const Value& item : array)
+  for (const Value& item : array) {
     plist_array_append_item(node.get(), toNode(item, format, depth + 1).release());
+  }
   return node;
 }
 
@@ -284,11 +282,11 @@ Node parse(std::string_view bytes) {
   plist_t node = nullptr;
   // libplist recurses per nesting level and expands shared binary objects, so
   // only input whose shape has been checked reaches it.
-  if (bytes.starts_with(detail::kBinaryMagic)) {
-    if (!detail::binaryShapeIsAcceptable(bytes)) throw DecodeError::corrupted();
+  if (bytes.starts_with(internal::kBinaryMagic)) {
+    if (!internal::binaryShapeIsAcceptable(bytes)) throw DecodeError::corrupted();
     plist_from_bin(bytes.data(), length, &node);
   } else {
-    if (!detail::xmlShapeIsAcceptable(bytes)) throw DecodeError::corrupted();
+    if (!internal::xmlShapeIsAcceptable(bytes)) throw DecodeError::corrupted();
     plist_from_xml(bytes.data(), length, &node);
   }
   if (node == nullptr) throw DecodeError::corrupted();
@@ -299,81 +297,13 @@ Node parse(std::string_view bytes) {
 
 Bytes encode(const Value& value, Format format) {
   const Node node = toNode(value, format, 0);
-  char* raw = nullptr;
-  std::uint32_t length = 0;
-  if (format == Format::xml) {
-    plist_to_xml(node.get(), &raw, &length);
-    const std::unique_ptr<char, XmlBufferDeleter> buffer(raw);
-    if (raw == nullptr) throw EncodeError::invalidValue();
-    return Bytes(raw, raw + length);
-  }
-  const std::string binary = toBinary(node.get());
-  return Bytes(binary.begin(), binary.end());
+  if (format == Format::xml) return serialized<XmlBufferDeleter>(node.get(), plist_to_xml);
+  return serialized<BinaryBufferDeleter>(node.get(), plist_to_bin);
 }
 
 Value decode(std::string_view bytes) {
   const Node node = parse(bytes);
   return fromNode(node.get(), 0);
-}
-
-const Dictionary& asDictionary(const Value& value) {
-  const auto* dictionary = value.get<Dictionary>();
-  if (dictionary == nullptr) throw DecodeError::corrupted();
-  return *dictionary;
-}
-
-const Value* find(const Dictionary& dictionary, std::string_view key) {
-  const auto found = dictionary.find(key);
-  return found == dictionary.end() ? nullptr : &found->second;
-}
-
-const Value& require(const Dictionary& dictionary, std::string_view key) {
-  const Value* value = find(dictionary, key);
-  if (value == nullptr) throw DecodeError::missing();
-  return *value;
-}
-
-namespace {
-
-template <typename T>
-const T& requireTyped(const Dictionary& dictionary, std::string_view key) {
-  const T* typed = require(dictionary, key).get<T>();
-  if (typed == nullptr) throw DecodeError::corrupted();
-  return *typed;
-}
-
-}  // namespace
-
-const std::string& requireString(const Dictionary& dictionary, std::string_view key) {
-  return requireTyped<std::string>(dictionary, key);
-}
-
-bool requireBool(const Dictionary& dictionary, std::string_view key) {
-  return requireTyped<bool>(dictionary, key);
-}
-
-std::int64_t requireInteger(const Dictionary& dictionary, std::string_view key) {
-  return requireTyped<std::int64_t>(dictionary, key);
-}
-
-Date requireDate(const Dictionary& dictionary, std::string_view key) {
-  return requireTyped<Date>(dictionary, key);
-}
-
-const Bytes& requireData(const Dictionary& dictionary, std::string_view key) {
-  return requireTyped<Bytes>(dictionary, key);
-}
-
-const Array& requireArray(const Dictionary& dictionary, std::string_view key) {
-  return requireTyped<Array>(dictionary, key);
-}
-
-std::optional<std::string> optionalString(const Dictionary& dictionary, std::string_view key) {
-  const Value* value = find(dictionary, key);
-  if (value == nullptr) return std::nullopt;
-  const auto* text = value->get<std::string>();
-  if (text == nullptr) throw DecodeError::corrupted();
-  return *text;
 }
 
 }  // namespace harborkeeper::plist

@@ -89,9 +89,7 @@ Bytes encode(const Value& value, Format format);
 // checked for well-formedness before it is parsed. A repeated key keeps its
 // last value.
 Value decode(std::string_view bytes);
-inline Value decode(const Bytes& bytes) {
-  return decode(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
-}
+inline Value decode(const Bytes& bytes) { return decode(asStringView(bytes)); }
 
 // Typed access for record decoders. A missing key throws DecodeError::missing(),
 // a value of another type DecodeError::corrupted().

@@ -7,6 +7,7 @@
 #include <unicode/utf8.h>
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace harborkeeper::text {
@@ -51,16 +52,15 @@ std::string toUtf8(std::u16string_view text) {
   return result;
 }
 
-// Full case folding of a UTF-16 string. Folding is context-free, so folding a
-// text equals folding its code points one by one.
-std::u16string foldCase(std::u16string_view text) {
-  if (text.empty()) return {};
-  std::u16string result(text.size() * 3 + 4, u'\0');
+// Runs an ICU case mapping into a buffer of `guess` code units, and once more
+// at the exact size ICU asks for if that was too small. Nothing if ICU fails.
+template <class Map>
+std::optional<std::u16string> mappedCase(std::u16string_view source, std::size_t guess, const Map& map) {
+  std::u16string result(guess, u'\0');
   for (int attempt = 0; attempt < 2; ++attempt) {
     UErrorCode status = U_ZERO_ERROR;
-    const std::int32_t length =
-        u_strFoldCase(result.data(), static_cast<std::int32_t>(result.size()), text.data(),
-                      static_cast<std::int32_t>(text.size()), U_FOLD_CASE_DEFAULT, &status);
+    const std::int32_t length = map(result.data(), static_cast<std::int32_t>(result.size()), source.data(),
+                                    static_cast<std::int32_t>(source.size()), &status);
     if (status == U_BUFFER_OVERFLOW_ERROR) {
       result.assign(static_cast<std::size_t>(length), u'\0');
       continue;
@@ -69,7 +69,18 @@ std::u16string foldCase(std::u16string_view text) {
     result.resize(static_cast<std::size_t>(length));
     return result;
   }
-  return std::u16string(text);
+  return std::nullopt;
+}
+
+// Full case folding of a UTF-16 string. Folding is context-free, so folding a
+// text equals folding its code points one by one.
+std::u16string foldCase(std::u16string_view text) {
+  if (text.empty()) return {};
+  const auto fold = [](UChar* out, std::int32_t capacity, const UChar* in, std::int32_t length,
+                       UErrorCode* status) {
+    return u_strFoldCase(out, capacity, in, length, U_FOLD_CASE_DEFAULT, status);
+  };
+  return mappedCase(text, text.size() * 3 + 4, fold).value_or(std::u16string(text));
 }
 
 // The folded form of a UTF-8 text, remembering which folded positions begin a
@@ -135,6 +146,22 @@ std::vector<ByteRange> findCaseInsensitive(std::string_view text, std::string_vi
   return matches;
 }
 
+// `text` with each of the ascending, disjoint `ranges` replaced.
+std::string withRangesReplaced(std::string_view text, const std::vector<ByteRange>& ranges,
+                               std::string_view replacement) {
+  if (ranges.empty()) return std::string(text);
+  std::string result;
+  result.reserve(text.size());
+  std::size_t copied = 0;
+  for (const ByteRange& range : ranges) {
+    result.append(text.substr(copied, range.begin - copied));
+    result.append(replacement);
+    copied = range.end;
+  }
+  result.append(text.substr(copied));
+  return result;
+}
+
 }  // namespace
 
 std::string trimmed(std::string_view text) {
@@ -163,21 +190,9 @@ bool isWhitespaceOnly(std::string_view text) {
 std::string lowercased(std::string_view text) {
   const std::u16string source = toUtf16(text);
   if (source.empty()) return {};
-  std::u16string lower(source.size() + 16, u'\0');
-  for (int attempt = 0; attempt < 2; ++attempt) {
-    UErrorCode status = U_ZERO_ERROR;
-    const std::int32_t length =
-        u_strToLower(lower.data(), static_cast<std::int32_t>(lower.size()), source.data(),
-                     static_cast<std::int32_t>(source.size()), "", &status);
-    if (status == U_BUFFER_OVERFLOW_ERROR) {
-      lower.assign(static_cast<std::size_t>(length), u'\0');
-      continue;
-    }
-    if (U_FAILURE(status)) break;
-    lower.resize(static_cast<std::size_t>(length));
-    return toUtf8(lower);
-  }
-  return toUtf8(source);
+  const auto lower = [](UChar* out, std::int32_t capacity, const UChar* in, std::int32_t length,
+                        UErrorCode* status) { return u_strToLower(out, capacity, in, length, "", status); };
+  return toUtf8(mappedCase(source, source.size() + 16, lower).value_or(source));
 }
 
 bool containsCaseInsensitive(std::string_view haystack, std::string_view needle) {
@@ -186,33 +201,19 @@ bool containsCaseInsensitive(std::string_view haystack, std::string_view needle)
 
 std::string replacingCaseInsensitive(std::string_view text, std::string_view target,
                                      std::string_view replacement) {
-  const std::vector<ByteRange> matches = findCaseInsensitive(text, target, false);
-  if (matches.empty()) return std::string(text);
-  std::string result;
-  result.reserve(text.size());
-  std::size_t copied = 0;
-  for (const ByteRange& match : matches) {
-    result.append(text.substr(copied, match.begin - copied));
-    result.append(replacement);
-    copied = match.end;
-  }
-  result.append(text.substr(copied));
-  return result;
+  return withRangesReplaced(text, findCaseInsensitive(text, target, false), replacement);
 }
 
 std::string replacingOccurrences(std::string_view text, std::string_view target,
                                  std::string_view replacement) {
-  if (target.empty()) return std::string(text);
-  std::string result;
-  result.reserve(text.size());
-  std::size_t copied = 0;
-  for (std::size_t at = text.find(target); at != std::string_view::npos; at = text.find(target, copied)) {
-    result.append(text.substr(copied, at - copied));
-    result.append(replacement);
-    copied = at + target.size();
+  std::vector<ByteRange> matches;
+  if (!target.empty()) {
+    for (std::size_t at = text.find(target); at != std::string_view::npos;
+         at = text.find(target, at + target.size())) {
+      matches.push_back({at, at + target.size()});
+    }
   }
-  result.append(text.substr(copied));
-  return result;
+  return withRangesReplaced(text, matches, replacement);
 }
 
 std::size_t userPerceivedLength(std::string_view text) {

@@ -9,38 +9,15 @@
 #include <cerrno>
 #include <string_view>
 
+#include "core/platform/internal/retry.h"
+#include "core/platform/unique_fd.h"
+
 namespace harborkeeper {
 
 namespace {
 
 namespace Security = HelperStateFileSecurity;
 using OpenHook = SecureStateFile::OpenHook;
-
-class FileDescriptor final {
- public:
-  explicit FileDescriptor(int fd) noexcept : fd_(fd) {}
-  FileDescriptor(FileDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(FileDescriptor&& other) noexcept {
-    if (this != &other) {
-      reset();
-      fd_ = std::exchange(other.fd_, -1);
-    }
-    return *this;
-  }
-  ~FileDescriptor() { reset(); }
-
-  [[nodiscard]] int get() const noexcept { return fd_; }
-
- private:
-  void reset() noexcept {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-  }
-
-  int fd_;
-};
 
 struct stat statusOf(int fd, const std::string& path) {
   struct stat status {};
@@ -68,28 +45,28 @@ void makeDirectories(const std::string& path) {
 
 // O_NOFOLLOW makes a link (swapped in after the path check) fail the open
 // instead of being followed; the path check then names the reason.
-FileDescriptor openDirectory(const std::string& path, uid_t owner, const OpenHook& beforeOpen) {
+UniqueFd openDirectory(const std::string& path, uid_t owner, const OpenHook& beforeOpen) {
   if (beforeOpen) beforeOpen(path);
   const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd >= 0) return FileDescriptor(fd);
+  if (fd >= 0) return UniqueFd(fd);
   const int error = errno;
   if (error == ENOTDIR || error == ELOOP) Security::validateDirectory(path, owner);
   throw FileSystemError(error, "Could not open", path);
 }
 
-FileDescriptor openCheckedDirectory(const std::string& path, uid_t owner, const OpenHook& beforeOpen) {
+UniqueFd openCheckedDirectory(const std::string& path, uid_t owner, const OpenHook& beforeOpen) {
   Security::validateDirectory(path, owner);
-  FileDescriptor directory = openDirectory(path, owner, beforeOpen);
+  UniqueFd directory = openDirectory(path, owner, beforeOpen);
   Security::validateDirectoryStatus(statusOf(directory.get(), path), owner);
   return directory;
 }
 
-FileDescriptor openDirectoryForWrite(const std::string& path, uid_t owner, const OpenHook& beforeOpen) {
+UniqueFd openDirectoryForWrite(const std::string& path, uid_t owner, const OpenHook& beforeOpen) {
   makeDirectories(path);
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0) throw FileSystemError(errno, "Could not inspect", path);
   validateRepairableDirectory(status, owner);
-  FileDescriptor directory = openDirectory(path, owner, beforeOpen);
+  UniqueFd directory = openDirectory(path, owner, beforeOpen);
   status = statusOf(directory.get(), path);
   validateRepairableDirectory(status, owner);
   if ((status.st_mode & 07777) != Security::expectedDirectoryPermissions &&
@@ -110,8 +87,8 @@ void checkFileAt(int directory, const std::string& name, const std::string& path
 
 // O_NONBLOCK and O_NOCTTY keep a special file swapped in from blocking or
 // becoming our terminal before the descriptor check refuses it.
-FileDescriptor openCheckedFile(int directory, const std::string& name, const std::string& path, uid_t owner,
-                               const OpenHook& beforeOpen) {
+UniqueFd openCheckedFile(int directory, const std::string& name, const std::string& path, uid_t owner,
+                         const OpenHook& beforeOpen) {
   checkFileAt(directory, name, path, owner);
   if (beforeOpen) beforeOpen(path);
   const int fd = ::openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
@@ -122,7 +99,7 @@ FileDescriptor openCheckedFile(int directory, const std::string& name, const std
     }
     throw FileSystemError(error, "Could not open", path);
   }
-  FileDescriptor file(fd);
+  UniqueFd file(fd);
   Security::validateStateFileStatus(statusOf(file.get(), path), owner);
   return file;
 }
@@ -144,8 +121,8 @@ Bytes readAll(int fd, const std::string& path) {
         secureWipe(bytes);
         bytes.swap(larger);
       }
-      const ssize_t count = ::read(fd, bytes.data() + used, bytes.size() - used);
-      if (count < 0 && errno == EINTR) continue;
+      const ssize_t count =
+          internal::retryOnInterrupt([&] { return ::read(fd, bytes.data() + used, bytes.size() - used); });
       if (count < 0) throw FileSystemError(errno, "Could not read", path);
       if (count == 0) break;
       used += static_cast<std::size_t>(count);
@@ -161,8 +138,8 @@ Bytes readAll(int fd, const std::string& path) {
 void writeAll(int fd, const Bytes& bytes, const std::string& path) {
   std::size_t written = 0;
   while (written < bytes.size()) {
-    const ssize_t count = ::write(fd, bytes.data() + written, bytes.size() - written);
-    if (count < 0 && errno == EINTR) continue;
+    const ssize_t count = internal::retryOnInterrupt(
+        [&] { return ::write(fd, bytes.data() + written, bytes.size() - written); });
     if (count < 0) throw FileSystemError(errno, "Could not write", path);
     written += static_cast<std::size_t>(count);
   }
@@ -188,13 +165,13 @@ std::string randomSuffix(const std::string& targetPath) {
 class TemporaryFile final {
  public:
   TemporaryFile(int directory, const std::string& fileName, const std::string& targetPath)
-      : directory_(directory), file_(-1) {
+      : directory_(directory) {
     for (int attempt = 0; attempt < 32; ++attempt) {
       name_ = "." + fileName + "." + randomSuffix(targetPath);
       const int fd =
           ::openat(directory, name_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
       if (fd >= 0) {
-        file_ = FileDescriptor(fd);
+        file_.reset(fd);
         return;
       }
       if (errno != EEXIST) throw FileSystemError(errno, "Could not write", targetPath);
@@ -219,7 +196,7 @@ class TemporaryFile final {
  private:
   int directory_;
   std::string name_;
-  FileDescriptor file_;
+  UniqueFd file_;
   bool committed_ = false;
 };
 
@@ -238,7 +215,7 @@ SecureStateFile::SecureStateFile(std::string directoryPath, std::string fileName
 
 void SecureStateFile::write(const Bytes& bytes) const {
   {
-    const FileDescriptor directory = openDirectoryForWrite(directoryPath_, expectedOwner_, beforeOpen_);
+    const UniqueFd directory = openDirectoryForWrite(directoryPath_, expectedOwner_, beforeOpen_);
     TemporaryFile temporary(directory.get(), fileName_, filePath_);
     writeAll(temporary.fd(), bytes, filePath_);
     if (::fsync(temporary.fd()) != 0) throw FileSystemError(errno, "Could not write", filePath_);
@@ -252,7 +229,7 @@ void SecureStateFile::write(const Bytes& bytes) const {
 }
 
 void SecureStateFile::validate() const {
-  const FileDescriptor directory = openCheckedDirectory(directoryPath_, expectedOwner_, beforeOpen_);
+  const UniqueFd directory = openCheckedDirectory(directoryPath_, expectedOwner_, beforeOpen_);
   checkFileAt(directory.get(), fileName_, filePath_, expectedOwner_);
 }
 
@@ -265,15 +242,14 @@ bool SecureStateFile::exists() const {
 
 std::optional<Bytes> SecureStateFile::read() const {
   if (!exists()) return std::nullopt;
-  const FileDescriptor directory = openCheckedDirectory(directoryPath_, expectedOwner_, beforeOpen_);
-  const FileDescriptor file =
-      openCheckedFile(directory.get(), fileName_, filePath_, expectedOwner_, beforeOpen_);
+  const UniqueFd directory = openCheckedDirectory(directoryPath_, expectedOwner_, beforeOpen_);
+  const UniqueFd file = openCheckedFile(directory.get(), fileName_, filePath_, expectedOwner_, beforeOpen_);
   return readAll(file.get(), filePath_);
 }
 
 bool SecureStateFile::remove() const {
   if (!exists()) return false;
-  const FileDescriptor directory = openCheckedDirectory(directoryPath_, expectedOwner_, beforeOpen_);
+  const UniqueFd directory = openCheckedDirectory(directoryPath_, expectedOwner_, beforeOpen_);
   checkFileAt(directory.get(), fileName_, filePath_, expectedOwner_);
   if (::unlinkat(directory.get(), fileName_.c_str(), 0) != 0) {
     throw FileSystemError(errno, "Could not remove", filePath_);

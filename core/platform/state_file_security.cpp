@@ -1,7 +1,8 @@
 #include "core/platform/state_file_security.h"
 
+#include <array>
 #include <cerrno>
-#include <cstdio>
+#include <charconv>
 
 namespace harborkeeper {
 
@@ -85,9 +86,9 @@ StateFileAttributes StateFileAttributes::fromStat(const struct stat& status) noe
 namespace HelperStateFileSecurity {
 
 std::string permissionsDetail(std::uint32_t permissions) {
-  char octal[16];
-  std::snprintf(octal, sizeof octal, "%o", static_cast<unsigned>(permissions));
-  return std::string("Expected permissions ") + octal + ".";
+  std::array<char, 12> octal{};  // 32 bits take at most 11 octal digits
+  const auto written = std::to_chars(octal.data(), octal.data() + octal.size(), permissions, 8);
+  return "Expected permissions " + std::string(octal.data(), written.ptr) + ".";
 }
 
 void validateDirectory(const StateFileAttributes& attributes, uid_t expectedOwner) {

@@ -12,7 +12,7 @@ std::string storeErrorMessage(ProtectionStatusStoreError::Kind kind, const std::
 }
 
 struct WriteErrors {
-  ProtectionStatusStoreError writeFailed(std::string detail) const {
+  static ProtectionStatusStoreError writeFailed(std::string detail) {
     return ProtectionStatusStoreError::writeFailed(std::move(detail));
   }
 };

@@ -2,15 +2,12 @@
 
 #include <unicode/regex.h>
 #include <unicode/stringpiece.h>
-#include <unicode/uniset.h>
 #include <unicode/unistr.h>
 #include <unicode/ustring.h>
-#include <unicode/utf16.h>
 #include <unicode/utypes.h>
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <cstdint>
 #include <initializer_list>
 #include <limits>
@@ -19,6 +16,8 @@
 #include <string>
 #include <string_view>
 #include <utility>
+
+#include "core/status/internal/label_start_filter.h"
 
 namespace harborkeeper {
 namespace {
@@ -36,24 +35,23 @@ constexpr char16_t kRedactedUtf16[] = u"[redacted]";
 constexpr char kBeginHeader[] = "-----BEGIN [A-Z ]*PRIVATE KEY-----";
 constexpr char kEndHeader[] = "-----END [A-Z ]*PRIVATE KEY-----";
 
+// Each alternative begins with a word of internal::kLabelFirstWords, which the
+// prefilter relies on to skip text where no label can start.
 // White space is written "[\s]" instead of a bare "\s": the same characters,
 // but ICU runs a quantified bare "\s" with one backtracking frame per
 // character, so a label followed by a long run of blanks exhausted the stack
 // limit and let that value through unredacted.
 constexpr char kSecretLabel[] =
-    "\\b((?:filevault[\\s]+)?recovery[\\s]+key|ssh[\\s]+private[\\s]+key|private[\\s]+key|"
-    "network[\\s]+secret|api[\\s]+key|token|secret)";
+    R"(\b((?:filevault[\s]+)?recovery[\s]+key|ssh[\s]+private[\s]+key|private[\s]+key|)"
+    R"(network[\s]+secret|api[\s]+key|token|secret))";
 // Applied in this order: a separated value first, so that the word pass then
 // sees "token: [redacted]" and leaves it alone. A word never starts with ":"
 // or "=", or "api key = [redacted]" would have its separator taken for the
 // secret and come out as "api key [redacted] [redacted]".
 constexpr std::array<const char*, 2> kLabelledSecretTails = {
-    "([\\s]*[:=][\\s]*)([^.;,\\n\\r]+)",
-    "([\\s]+)([^\\s,;.:=][^\\s,;.]*)",
+    R"(([\s]*[:=][\s]*)([^.;,\n\r]+))",
+    R"(([\s]+)([^\s,;.:=][^\s,;.]*))",
 };
-// Every label begins with one of these words.
-constexpr std::array<std::string_view, 8> kLabelFirstWords = {"filevault", "recovery", "ssh",   "private",
-                                                              "network",   "api",      "token", "secret"};
 
 // Limits are in ICU match steps (about ten thousand engine operations each), so
 // they behave alike on every machine and under sanitisers. These linear passes
@@ -64,122 +62,11 @@ constexpr int32_t kBaseTimeLimitSteps = 250;
 constexpr int32_t kCodeUnitsPerTimeLimitStep = 1000;
 constexpr int32_t kBacktrackStackLimitBytes = 1 << 20;
 
-constexpr char asciiLower(char16_t c) { return static_cast<char>(c >= u'A' && c <= u'Z' ? c + 0x20 : c); }
-
-// Bit i set: the ASCII character can be the letter at `position` of
-// kLabelFirstWords[i].
-constexpr std::array<uint8_t, 0x80> wordsByLetterAt(std::size_t position) {
-  static_assert(kLabelFirstWords.size() <= 8);
-  std::array<uint8_t, 0x80> table{};
-  for (char16_t c = 0; c < table.size(); ++c) {
-    for (std::size_t word = 0; word < kLabelFirstWords.size(); ++word) {
-      if (kLabelFirstWords[word][position] == asciiLower(c)) {
-        table[c] |= static_cast<uint8_t>(1U << word);
-      }
-    }
-  }
-  return table;
-}
-constexpr std::array<uint8_t, 0x80> kWordsByFirstLetter = wordsByLetterAt(0);
-constexpr std::array<uint8_t, 0x80> kWordsBySecondLetter = wordsByLetterAt(1);
-
-// Says where a label may begin, so that ICU is asked to match only there
-// instead of at every letter of ordinary text. ASCII compares by case; a few
-// other characters fold to ASCII letters ("ſ" to "s", "ﬁ" to "fi", the Kelvin
-// sign to "k", "ẖ" to "h" and a combining mark), and wherever one of those
-// turns up ICU decides.
-class LabelStartFilter {
- public:
-  LabelStartFilter() {
-    UErrorCode status = U_ZERO_ERROR;
-    // Everything that takes part in case mapping, folded the way ICU's
-    // case-insensitive match folds it.
-    const icu::UnicodeSet foldable(UnicodeString(u"[[:Case_Sensitive:]-[:ASCII:]]"), status);
-    if (U_FAILURE(status)) {
-      anyNonAsciiMayFold_ = true;
-      return;
-    }
-    for (int32_t range = 0; range < foldable.getRangeCount(); ++range) {
-      for (UChar32 c = foldable.getRangeStart(range); c <= foldable.getRangeEnd(range); ++c) {
-        UnicodeString folded(c);
-        if (hasAsciiLetter(folded.foldCase())) {
-          foldsToAsciiLetter_.add(c);
-        }
-      }
-    }
-    foldsToAsciiLetter_.freeze();
-  }
-
-  // The first index at or after `from` where a label may begin, or the end.
-  std::size_t next(std::u16string_view text, std::size_t from) const {
-    for (; from + 1 < text.size(); ++from) {
-      const char16_t first = text[from];
-      const char16_t second = text[from + 1];
-      if ((first | second) < 0x80) {
-        const unsigned words = kWordsByFirstLetter[first] & kWordsBySecondLetter[second];
-        if (words != 0 && mayBeOneOf(words, text, from)) {
-          return from;
-        }
-      } else if (first < 0x80 ? kWordsByFirstLetter[first] != 0 : mayFoldToAsciiLetter(text, from)) {
-        return from;
-      }
-    }
-    // A match is never a single character.
-    return text.size();
-  }
-
- private:
-  static bool mayBeOneOf(unsigned words, std::u16string_view text, std::size_t index) {
-    for (; words != 0; words &= words - 1) {
-      if (mayBeWordAt(text, index, kLabelFirstWords[std::countr_zero(words)])) {
-        return true;
-      }
-    }
-    return false;
-  }
-
-  static bool hasAsciiLetter(const UnicodeString& text) {
-    for (int32_t i = 0; i < text.length(); ++i) {
-      const char16_t c = text.charAt(i);
-      if (c < 0x80 && asciiLower(c) >= 'a' && asciiLower(c) <= 'z') {
-        return true;
-      }
-    }
-    return false;
-  }
-
-  // False only when `word` certainly does not begin at `index`. A non-ASCII
-  // character after the first is rare enough to leave to ICU unexamined.
-  static bool mayBeWordAt(std::u16string_view text, std::size_t index, std::string_view word) {
-    for (const char letter : word) {
-      if (index >= text.size()) {
-        return false;
-      }
-      if (text[index] >= 0x80) {
-        return true;
-      }
-      if (asciiLower(text[index++]) != letter) {
-        return false;
-      }
-    }
-    return true;
-  }
-
-  bool mayFoldToAsciiLetter(std::u16string_view text, std::size_t index) const {
-    UChar32 c;
-    U16_NEXT(text.data(), index, text.size(), c);
-    return anyNonAsciiMayFold_ || foldsToAsciiLetter_.contains(c);
-  }
-
-  icu::UnicodeSet foldsToAsciiLetter_;
-  bool anyNonAsciiMayFold_ = false;
-};
-
 struct CompiledPatterns {
   std::unique_ptr<RegexPattern> beginHeader;
   std::unique_ptr<RegexPattern> endHeader;
   std::array<std::unique_ptr<RegexPattern>, kLabelledSecretTails.size()> labelledSecrets;
-  LabelStartFilter labelStarts;
+  internal::LabelStartFilter labelStarts;
 };
 
 // A pattern that does not compile stays null and its pass is skipped.
@@ -238,7 +125,7 @@ std::optional<UnicodeString> withoutPrivateKeyBlocks(const CompiledPatterns& pat
   }
   UnicodeString result;
   int32_t copiedUpTo = 0;
-  int64_t searchFrom = static_cast<int64_t>(firstDashes);
+  auto searchFrom = static_cast<int64_t>(firstDashes);
   while (begin->find(searchFrom, status) && end->find(begin->end(status), status)) {
     const int32_t blockStart = begin->start(status);
     result.append(text, copiedUpTo, blockStart - copiedUpTo).append(UnicodeString(kRedactedUtf16));
@@ -255,7 +142,7 @@ std::optional<UnicodeString> withoutPrivateKeyBlocks(const CompiledPatterns& pat
 // Leftmost-first and non-overlapping, like ICU's own find loop, but tried only
 // where a label may begin. Each attempt restarts the matcher and its time budget.
 std::optional<UnicodeString> withLabelledSecretsRedacted(const RegexPattern* pattern,
-                                                         const LabelStartFilter& labelStarts,
+                                                         const internal::LabelStartFilter& labelStarts,
                                                          const UnicodeString& text) {
   if (!pattern) {
     return std::nullopt;

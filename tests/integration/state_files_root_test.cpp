@@ -2,9 +2,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <optional>
-#include <string>
-
 #include <gtest/gtest.h>
 
 #include "core/platform/state_file_test_support.h"
@@ -15,82 +12,39 @@ namespace {
 
 using namespace testing_support;
 
-constexpr uid_t nobody = 65534;
-
-HelperProtectionStatus sampleStatus() {
-  HelperProtectionStatus status;
-  status.mode = HelperProtectionMode::nextRestart;
-  status.succeeded = true;
-  status.armedAt = date_time::fromSecondsSince1970(1'790'000'123);
-  status.message = "Protected for the next restart.";
-  return status;
+// Owner and permission bits of the entry itself.
+std::pair<unsigned, unsigned> ownerAndMode(const fs::path& path) {
+  struct stat s {};
+  return ::lstat(path.c_str(), &s) ? std::pair(~0u, 0u) : std::pair(s.st_uid, s.st_mode & 07777);
 }
 
-class StateFilesRootTest : public testing::Test {
- protected:
-  void SetUp() override {
-    if (::geteuid() != 0) GTEST_SKIP() << "needs root: state files must be owned by root";
-    temp_.emplace();
-    dir_ = temp_->path() / "harborkeeper";
-    filePath_ = dir_ / "ProtectionStatus.plist";
-  }
+TEST(StateFilesRootTest, RootOwnedStateIsUsedAndStateOfNobodysRefused) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root: only root can own state files and hand them to nobody";
+  const TemporaryDirectory temp;
+  const fs::path dir = temp.path() / "harborkeeper", file = dir / "ProtectionStatus.plist";
+  const ProtectionStatusStore store(dir.string(), 0);
+  store.store({});
+  EXPECT_EQ(ownerAndMode(dir), std::pair(0u, 0700u));
+  EXPECT_EQ(ownerAndMode(file), std::pair(0u, 0600u));
+  EXPECT_EQ(HelperProtectionStatus::decode(toString(store.loadData().value())), HelperProtectionStatus{});
 
-  std::optional<TemporaryDirectory> temp_;
-  fs::path dir_, filePath_;
-  ProtectionStatusStore rootStore() const { return ProtectionStatusStore(dir_.string(), 0); }
-};
+  // A file of nobody's is refused even at 0600; the atomic write puts a root-owned one in its place.
+  ASSERT_EQ(::chown(file.c_str(), 65534, 65534), 0);
+  const std::string refusal = "Harborkeeper helper state file is not private. Expected root ownership.";
+  EXPECT_EQ(outcome<HelperStateFileSecurityError>([&] { (void)store.loadData(); }), refusal);
+  EXPECT_EQ(outcome<HelperStateFileSecurityError>([&] { store.clear(); }), refusal);
+  store.store({});
+  store.clear();
+  EXPECT_FALSE(fs::exists(file));
 
-TEST_F(StateFilesRootTest, StoreLoadAndClearWithRootOwnership) {
-  const ProtectionStatusStore statusStore = rootStore();
-  statusStore.store(sampleStatus());
-  const struct stat directory = lstatOf(dir_);
-  const struct stat file = lstatOf(filePath_);
-  EXPECT_EQ(directory.st_uid, 0u);
-  EXPECT_EQ(directory.st_mode & 07777, 0700u);
-  EXPECT_EQ(file.st_uid, 0u);
-  EXPECT_EQ(file.st_mode & 07777, 0600u);
-
-  const std::optional<Bytes> data = statusStore.loadData();
-  ASSERT_TRUE(data);
-  EXPECT_EQ(HelperProtectionStatus::decode(toString(*data)), sampleStatus());
-
-  statusStore.clear();
-  EXPECT_FALSE(fs::exists(filePath_));
-  EXPECT_EQ(statusStore.loadData(), std::nullopt);
-}
-
-TEST_F(StateFilesRootTest, FileOwnedByAnotherUserIsRefusedEvenWithMode600) {
-  const ProtectionStatusStore statusStore = rootStore();
-  statusStore.store(sampleStatus());
-  ASSERT_EQ(::chown(filePath_.c_str(), nobody, nobody), 0);
-  ASSERT_EQ(::chmod(filePath_.c_str(), 0600), 0);
-
-  const auto expected = HelperStateFileSecurityError::insecureStateFile("Expected root ownership.");
-  EXPECT_EQ(thrown<HelperStateFileSecurityError>([&] { (void)statusStore.loadData(); }), expected);
-  EXPECT_EQ(thrown<HelperStateFileSecurityError>([&] { statusStore.clear(); }), expected);
-  EXPECT_EQ(thrown<HelperStateFileSecurityError>([&] { statusStore.validateSecureStatusState(); }), expected);
-  EXPECT_EQ(lstatOf(filePath_).st_uid, nobody);
-
-  // The atomic write puts a new root-owned entry in place of the foreign one.
-  statusStore.store(sampleStatus());
-  EXPECT_EQ(lstatOf(filePath_).st_uid, 0u);
-  EXPECT_TRUE(statusStore.loadData());
-}
-
-TEST_F(StateFilesRootTest, DirectoryOwnedByAnotherUserIsNeitherUsedNorRepaired) {
-  ASSERT_TRUE(fs::create_directory(dir_));
-  ASSERT_EQ(::chown(dir_.c_str(), nobody, nobody), 0);
-  ASSERT_EQ(::chmod(dir_.c_str(), 0755), 0);
-
-  const auto error = thrown<ProtectionStatusStoreError>([&] { rootStore().store(sampleStatus()); });
-  ASSERT_TRUE(error);
-  EXPECT_STREQ(error->what(),
-               "Harborkeeper could not write protection status. "
-               "Harborkeeper helper state directory is not private. Expected root ownership.");
-  const struct stat directory = lstatOf(dir_);
-  EXPECT_EQ(directory.st_mode & 07777, 0755u);
-  EXPECT_EQ(directory.st_uid, nobody);
-  EXPECT_TRUE(fs::is_empty(dir_));
+  // A directory of nobody's is neither used nor repaired.
+  ASSERT_EQ(::chown(dir.c_str(), 65534, 65534), 0);
+  ASSERT_EQ(::chmod(dir.c_str(), 0755), 0);
+  EXPECT_EQ(outcome<ProtectionStatusStoreError>([&] { store.store({}); }),
+            "Harborkeeper could not write protection status. "
+            "Harborkeeper helper state directory is not private. Expected root ownership.");
+  EXPECT_EQ(ownerAndMode(dir), std::pair(65534u, 0755u));
+  EXPECT_TRUE(fs::is_empty(dir));
 }
 
 }  // namespace

@@ -1,28 +1,11 @@
-#pragma once
-
-// Checks run before libplist sees untrusted bytes. libplist 2.2 recurses once
-// per nesting level (a deep document overflows its stack) and copies a binary
-// object once per reference (a small document can expand without bound), so
-// the object graph is walked and bounded first. Private to plist.cpp.
+#include "core/foundation/internal/plist_binary_check.h"
 
 #include <algorithm>
-#include <charconv>
-#include <chrono>
-#include <cstdint>
-#include <optional>
-#include <string>
-#include <string_view>
 #include <vector>
 
-namespace harborkeeper::plist::detail {
+namespace harborkeeper::plist::internal {
 
-inline constexpr std::size_t kMaxDepth = 64;
-inline constexpr std::uint64_t kMaxValues = std::uint64_t{1} << 20;
-inline constexpr std::uint64_t kMaxDictionaryEntries = std::uint64_t{1} << 14;
-inline constexpr std::uint64_t kMaxPayloadBytes = std::uint64_t{64} << 20;
-inline constexpr std::string_view kBinaryMagic = "bplist00";
-
-inline bool isValidUtf8WithoutNul(std::string_view text) {
+bool isValidUtf8WithoutNul(std::string_view text) {
   std::size_t i = 0;
   while (i < text.size()) {
     const auto lead = static_cast<unsigned char>(text[i]);
@@ -55,24 +38,13 @@ inline bool isValidUtf8WithoutNul(std::string_view text) {
   return true;
 }
 
-// ---- Binary ---------------------------------------------------------------
-
-inline std::uint64_t readBigEndian(std::string_view bytes, std::uint64_t at, unsigned size) {
+std::uint64_t readBigEndian(std::string_view bytes, std::uint64_t at, unsigned size) {
   std::uint64_t value = 0;
   for (unsigned i = 0; i < size; ++i) value = (value << 8) | static_cast<unsigned char>(bytes[at + i]);
   return value;
 }
 
-struct BinaryLayout {
-  std::string_view bytes;
-  unsigned offsetSize = 0;
-  unsigned referenceSize = 0;
-  std::uint64_t objectCount = 0;
-  std::uint64_t topObject = 0;
-  std::uint64_t tableOffset = 0;  // objects lie between the magic and here
-};
-
-inline std::optional<BinaryLayout> readBinaryLayout(std::string_view bytes) {
+std::optional<BinaryLayout> readBinaryLayout(std::string_view bytes) {
   constexpr std::size_t kTrailerSize = 32;
   if (bytes.size() < kBinaryMagic.size() + 1 + kTrailerSize || !bytes.starts_with(kBinaryMagic)) {
     return std::nullopt;
@@ -94,18 +66,19 @@ inline std::optional<BinaryLayout> readBinaryLayout(std::string_view bytes) {
   return layout;
 }
 
-// REQUIRES: index < layout.objectCount.
-inline std::optional<std::uint64_t> objectOffset(const BinaryLayout& layout, std::uint64_t index) {
+std::optional<std::uint64_t> objectOffset(const BinaryLayout& layout, std::uint64_t index) {
   const std::uint64_t offset =
       readBigEndian(layout.bytes, layout.tableOffset + index * layout.offsetSize, layout.offsetSize);
   if (offset < kBinaryMagic.size() || offset >= layout.tableOffset) return std::nullopt;
   return offset;
 }
 
-// Walks the object graph once (shared objects are costed, not revisited) and
-// refuses cycles, sets, UIDs, unknown markers, objects running past the object
-// area, and graphs whose expanded tree would break the limits.
-class BinaryShapeCheck {
+namespace {
+
+// Keeps, for each object, whether the walk has entered or left it and what its
+// expanded subtree costs, so a shared object is costed once however often it
+// is referenced.
+class BinaryShapeCheck final {
  public:
   explicit BinaryShapeCheck(const BinaryLayout& layout)
       : layout_(layout), state_(layout.objectCount, State::unseen), cost_(layout.objectCount) {}
@@ -268,9 +241,11 @@ class BinaryShapeCheck {
   std::vector<Frame> stack_;
 };
 
-inline bool binaryShapeIsAcceptable(std::string_view bytes) {
+}  // namespace
+
+bool binaryShapeIsAcceptable(std::string_view bytes) {
   const auto layout = readBinaryLayout(bytes);
   return layout && BinaryShapeCheck(*layout).run();
 }
 
-}  // namespace harborkeeper::plist::detail
+}  // namespace harborkeeper::plist::internal

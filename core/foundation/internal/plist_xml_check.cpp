@@ -1,108 +1,18 @@
-#pragma once
-
-// libplist 2.2 reads XML leniently ("abc" as integer 0, an unparsable date as
-// 1970, text after a quoted ">" in an attribute as content) and recurses per
-// nesting level. This check accepts only a well-formed property-list document
-// within the limits, so what libplist then parses is what was checked.
-// Private to plist.cpp.
+#include "core/foundation/internal/plist_xml_check.h"
 
 #include <algorithm>
 #include <charconv>
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
-#include "core/foundation/plist_binary_check.h"
+#include "core/foundation/internal/plist_binary_check.h"
+#include "core/foundation/internal/plist_xml_values.h"
 
-namespace harborkeeper::plist::detail {
-
-// ---- XML leaf values -------------------------------------------------------
-
-inline bool isXmlSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
-
-inline std::string_view trimmedXmlSpace(std::string_view text) {
-  while (!text.empty() && isXmlSpace(text.front())) text.remove_prefix(1);
-  while (!text.empty() && isXmlSpace(text.back())) text.remove_suffix(1);
-  return text;
-}
-
-inline bool isDigits(std::string_view text) {
-  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
-}
-
-// Decimal only, within the signed 64-bit range (libplist would clamp).
-inline bool isValidXmlInteger(std::string_view text) {
-  text = trimmedXmlSpace(text);
-  const bool negative = !text.empty() && text.front() == '-';
-  if (!text.empty() && (text.front() == '-' || text.front() == '+')) text.remove_prefix(1);
-  std::uint64_t magnitude = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), magnitude);
-  const std::uint64_t limit = std::uint64_t{1} << 63;
-  return isDigits(text) && error == std::errc() && end == text.data() + text.size() &&
-         (negative ? magnitude <= limit : magnitude < limit);
-}
-
-inline bool isValidXmlReal(std::string_view text) {
-  text = trimmedXmlSpace(text);
-  if (text == "nan" || text == "+infinity" || text == "-infinity") return true;
-  if (!text.empty() && (text.front() == '-' || text.front() == '+')) text.remove_prefix(1);
-  const auto exponent = text.find_first_of("eE");
-  std::string_view mantissa = text.substr(0, exponent);
-  if (exponent != std::string_view::npos) {
-    std::string_view power = text.substr(exponent + 1);
-    if (!power.empty() && (power.front() == '-' || power.front() == '+')) power.remove_prefix(1);
-    if (!isDigits(power)) return false;
-  }
-  const auto point = mantissa.find('.');
-  if (point == std::string_view::npos) return isDigits(mantissa);
-  const auto whole = mantissa.substr(0, point);
-  const auto fraction = mantissa.substr(point + 1);
-  return (isDigits(whole) || whole.empty()) && (isDigits(fraction) || fraction.empty()) &&
-         !(whole.empty() && fraction.empty());
-}
-
-// Exactly "YYYY-MM-DDTHH:MM:SSZ", a real calendar day.
-inline bool isValidXmlDate(std::string_view text) {
-  constexpr std::string_view kPattern = "dddd-dd-ddTdd:dd:ddZ";
-  if (text.size() != kPattern.size()) return false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const bool ok = kPattern[i] == 'd' ? (text[i] >= '0' && text[i] <= '9') : text[i] == kPattern[i];
-    if (!ok) return false;
-  }
-  const auto number = [&](std::size_t at, std::size_t length) {
-    int value = 0;
-    for (std::size_t i = at; i < at + length; ++i) value = value * 10 + (text[i] - '0');
-    return value;
-  };
-  const std::chrono::year_month_day day{std::chrono::year(number(0, 4)),
-                                        std::chrono::month(static_cast<unsigned>(number(5, 2))),
-                                        std::chrono::day(static_cast<unsigned>(number(8, 2)))};
-  return day.ok() && number(11, 2) < 24 && number(14, 2) < 60 && number(17, 2) < 60;
-}
-
-// Padded base64, white space allowed anywhere.
-inline bool isValidXmlData(std::string_view text) {
-  std::size_t count = 0;
-  std::size_t padding = 0;
-  for (const char c : text) {
-    if (isXmlSpace(c)) continue;
-    const bool alphabet =
-        (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' || c == '/';
-    if (c == '=') {
-      ++padding;
-    } else if (!alphabet || padding > 0) {
-      return false;
-    }
-    ++count;
-  }
-  return count % 4 == 0 && padding <= 2;
-}
-
-// ---- XML document ---------------------------------------------------------
+namespace harborkeeper::plist::internal {
+namespace {
 
 // A single pass over the document: an optional declaration, comments and a
 // DOCTYPE without internal subset, then one <plist> element holding one value.
@@ -110,7 +20,7 @@ inline bool isValidXmlData(std::string_view text) {
 // hold valid text, entities are the predefined ones or character references.
 // Markup that another reader could split differently (quotes holding "<" or
 // ">", processing instructions after the prolog) is refused.
-class XmlShapeCheck {
+class XmlShapeCheck final {
  public:
   explicit XmlShapeCheck(std::string_view text) : text_(text) {}
 
@@ -126,6 +36,7 @@ class XmlShapeCheck {
  private:
   enum class Kind { plist, array, dict, key, string, integer, real, date, data, trueValue, falseValue };
   struct Frame {
+    explicit Frame(Kind elementKind) : kind(elementKind) {}
     Kind kind;
     std::uint64_t children = 0;
     std::string text;  // kept only for leaves whose text is checked
@@ -260,8 +171,9 @@ class XmlShapeCheck {
         std::from_chars(digits.data(), digits.data() + digits.size(), point, hex ? 16 : 10);
     const bool valid = point == 0x9 || point == 0xA || point == 0xD || (point >= 0x20 && point <= 0xD7FF) ||
                        (point >= 0xE000 && point <= 0xFFFD) || (point >= 0x10000 && point <= 0x10FFFF);
-    if (digits.empty() || error != std::errc() || stop != digits.data() + digits.size() || !valid)
+    if (digits.empty() || error != std::errc() || stop != digits.data() + digits.size() || !valid) {
       return false;
+    }
     if (out) out->push_back(point < 0x80 ? static_cast<char>(point) : '?');  // only ASCII matters to leaves
     return true;
   }
@@ -327,12 +239,12 @@ class XmlShapeCheck {
     }
     if (lookingAt("/>")) {
       pos_ += 2;
-      return finished(Frame{*kind, 0, {}});
+      return finished(Frame(*kind));
     }
     if (!lookingAt(">")) return false;
     ++pos_;
     if (isContainer(*kind)) ++containers_;
-    stack_.push_back(Frame{*kind, 0, {}});
+    stack_.emplace_back(*kind);
     return true;
   }
 
@@ -378,6 +290,8 @@ class XmlShapeCheck {
   bool doctypeSeen_ = false;
 };
 
-inline bool xmlShapeIsAcceptable(std::string_view text) { return XmlShapeCheck(text).run(); }
+}  // namespace
 
-}  // namespace harborkeeper::plist::detail
+bool xmlShapeIsAcceptable(std::string_view text) { return XmlShapeCheck(text).run(); }
+
+}  // namespace harborkeeper::plist::internal
