@@ -27,7 +27,7 @@ int rawSpawnAndWait() {
 bool runnerRunsTrue(const harborkeeper::CommandRunner& runner) { return runner.run(kTrue, {}).exitCode == 0; }
 
 void BM_RawPosixSpawnTrue(benchmark::State& state) {
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     if (rawSpawnAndWait() != 0) state.SkipWithError("posix_spawn of /bin/true failed");
   }
 }
@@ -36,7 +36,7 @@ BENCHMARK(BM_RawPosixSpawnTrue)->UseRealTime();
 
 void BM_CommandRunnerTrue(benchmark::State& state) {
   const harborkeeper::CommandRunner runner(10);
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     if (!runnerRunsTrue(runner)) state.SkipWithError("CommandRunner could not run /bin/true");
   }
 }
@@ -48,7 +48,7 @@ void BM_CommandRunnerOverRawSpawn(benchmark::State& state) {
   const harborkeeper::CommandRunner runner(10);
   Clock::duration raw{};
   Clock::duration wrapped{};
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     const auto start = Clock::now();
     const bool rawOk = rawSpawnAndWait() == 0;
     const auto middle = Clock::now();

@@ -35,7 +35,7 @@ std::string ordinaryLog() {
 }
 
 void redactRepeatedly(benchmark::State& state, const std::string& text) {
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     benchmark::DoNotOptimize(harborkeeper::SensitiveTextRedactor::redactGeneralSecrets(text));
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(text.size()));

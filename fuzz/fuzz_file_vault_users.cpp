@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 
 #include "core/foundation/text.h"
 #include "core/protection/file_vault_users.h"
@@ -15,9 +16,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string_view rest(reinterpret_cast<const char*>(data + 1), size - 1);
   const auto split = rest.find('\0');
   const std::string output = text::repairedUtf8(rest.substr(0, split));
-  const std::string error = split == rest.npos ? "" : text::repairedUtf8(rest.substr(split + 1));
+  const std::string error = split == std::string_view::npos ? "" : text::repairedUtf8(rest.substr(split + 1));
   if (error.find('\0') != std::string::npos) return 0;
-  const std::int32_t exitCode = static_cast<std::int8_t>(data[0]);
+  const std::int32_t exitCode = data[0] < 0x80 ? data[0] : data[0] - 0x100;
 
   const FileVaultUserList list = SystemStatusService::parseFileVaultUsers(output, error, exitCode);
   if ((exitCode == 0) != list.isAvailable()) std::abort();

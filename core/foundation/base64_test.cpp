@@ -41,11 +41,13 @@ TEST(Base64Test, DecodersAreStrict) {
   // Wrong length or padding, '=' inside, bits left over after the last byte,
   // white space, the other alphabet, non-ASCII.
   for (const std::string text : {"Zg", "Zg=", "Zm9vY", "Z===", "Zg==Zg==", "=Zm9",
-                                 "Zh==", "Zm9=", "Zm9v\nZm9", "Zm9 ", "-_-_", "Zm9_", "Zm9\xC3"})
+                                 "Zh==", "Zm9=", "Zm9v\nZm9", "Zm9 ", "-_-_", "Zm9_", "Zm9\xC3"}) {
     EXPECT_EQ(decode(text), std::nullopt) << text;
+  }
   for (const std::string text :
-       {"Zm9vY", "Z", "Zg=", "Zm8==", "Zg===", "Zg==Zg", "+/+/", "Zm9/", "Zh", "Zm 9v", "Zm9\xC3"})
+       {"Zm9vY", "Z", "Zg=", "Zm8==", "Zg===", "Zg==Zg", "+/+/", "Zm9/", "Zh", "Zm 9v", "Zm9\xC3"}) {
     EXPECT_EQ(decodeUrl(text), std::nullopt) << text;
+  }
   EXPECT_EQ(decodeUrl(std::string_view("ZZ", 1)), std::nullopt);  // nothing is read past the end
 }
 

@@ -32,7 +32,8 @@ std::string bigEndian(std::uint64_t value, unsigned size) {
 // A binary property list of raw objects, object 0 the root; the caller encodes
 // references inside them with `referenceSize` bytes.
 std::string binaryPlist(const std::vector<std::string>& objects, unsigned referenceSize = 1) {
-  std::string out = "bplist00", table;
+  std::string out = "bplist00";
+  std::string table;
   for (const std::string& object : objects) table += bigEndian(out.size(), 4), out += object;
   return out + table + std::string(6, '\0') + '\x04' + static_cast<char>(referenceSize) +
          bigEndian(objects.size(), 8) + bigEndian(0, 8) + bigEndian(out.size(), 8);
@@ -40,7 +41,8 @@ std::string binaryPlist(const std::vector<std::string>& objects, unsigned refere
 
 // `depth` nested arrays, each holding the next, as XML or binary.
 std::string nestedArrays(std::uint64_t depth, Format format) {
-  std::string open, close;
+  std::string open;
+  std::string close;
   std::vector<std::string> objects;
   for (std::uint64_t i = 1; i <= depth; ++i) {
     open += "<array>", close += "</array>";
@@ -65,7 +67,7 @@ TEST(PlistTest, RoundTripsEveryTypeBinaryExactlyXmlWithWholeSecondDates) {
     EXPECT_EQ(decode(encode(value, Format::xml)), date ? Value(Date(floor<seconds>(*date))) : value);
   }
   // -0.25 s from the reference date, written by another program.
-  EXPECT_EQ(decode(binaryPlist({"\x33" + bigEndian(0xBFD0000000000000, 8)})), at(2001y / 1 / 1, -250ms));
+  EXPECT_EQ(decode(binaryPlist({'\x33' + bigEndian(0xBFD0000000000000, 8)})), at(2001y / 1 / 1, -250ms));
 }
 
 TEST(PlistTest, WritesTheUsualXmlDocument) {
@@ -107,13 +109,15 @@ TEST(PlistTest, RefusesMalformedAndHostileInput) {
            binaryPlist({std::string("\x80\x01", 2)}), binaryPlist({"\xC0"}),
            binaryPlist({std::string(1, '\0')}), binaryPlist({std::string("\x53\x61\x00\x62", 4)}),
            binaryPlist({"\xD1\x01\x02", "\x10\x01", "\x09"}),
-           binaryPlist({"\x33" + bigEndian(0x7E37E43C8800759C, 8)}),
+           binaryPlist({'\x33' + bigEndian(0x7E37E43C8800759C, 8)}),
            binaryPlist({"\x14" + bigEndian(0, 8) + bigEndian(~std::uint64_t{0}, 8)}),
-           binaryPlist({"\xA1\x01", "\xA1\x00"}), binaryPlist({"\xA1\x05"}), binaryPlist({"\x5F\x10\x7F"}),
+           binaryPlist({"\xA1\x01", std::string("\xA1\x00", 2)}), binaryPlist({"\xA1\x05"}),
+           binaryPlist({"\x5F\x10\x7F"}),
            // Beyond 64 levels, and shared objects that would expand without bound.
            nestedArrays(65, Format::xml), nestedArrays(100000, Format::xml), nestedArrays(65, Format::binary),
-           nestedArrays(100000, Format::binary), binaryPlist(doubling)})
+           nestedArrays(100000, Format::binary), binaryPlist(doubling)}) {
     EXPECT_THAT([&] { decode(bytes); }, throwsDecodeError(kCorrupted)) << bytes.substr(0, 60);
+  }
 }
 
 TEST(PlistTest, EncodesAndDecodesUpToTheLimits) {

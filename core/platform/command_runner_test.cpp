@@ -23,13 +23,15 @@ const std::string kReplacement = "\xEF\xBF\xBD";
 TEST(CommandRunnerTest, TimeoutDescriptionUsesIntegersForWholeSeconds) {
   const std::pair<double, const char*> cases[] = {
       {30, "30"}, {-0.0, "0"}, {2.5, "2.5"}, {0.05, "0.1"}, {29.96, "30.0"}, {1e20, "100000000000000000000"}};
-  for (const auto& [seconds, expected] : cases)
+  for (const auto& [seconds, expected] : cases) {
     EXPECT_EQ(CommandRunner::timeoutDescription(seconds), expected);
+  }
 }
 
 TEST(CommandRunnerTest, LaunchFailuresStartNothing) {
   const TemporaryDirectory temp;
-  const std::string plain = temp.path() / "plain", garbage = temp.path() / "garbage";
+  const std::string plain = temp.path() / "plain";
+  const std::string garbage = temp.path() / "garbage";
   writeRaw(plain, "#!/bin/sh\necho ran\n", fs::perms(0644));
   // Not a program: it must not be run with a shell instead.
   writeRaw(garbage, "\x01\x02\x03 not a program\n", fs::perms(0755));
@@ -53,9 +55,9 @@ TEST(CommandRunnerTest, LaunchFailuresStartNothing) {
 TEST(CommandRunnerTest, RunFeedsInputAndReportsStatusAndCleanOutput) {
   const std::string large(1 << 20, 'x');
   const std::tuple<const char*, std::optional<std::string_view>, CommandResult> cases[] = {
-      {"printf '\\n a  b \\n\\nc\\n\\n'; exit 1", {}, {"a  b \n\nc", "", 1, false}},
+      {R"(printf '\n a  b \n\nc\n\n'; exit 1)", {}, {"a  b \n\nc", "", 1, false}},
       {"printf 'a\\377\\300b'", {}, {"a" + kReplacement + kReplacement + "b", "", 0, false}},
-      {"printf '\\t\\302\\240x y\\302\\240\\r\\n'; exit 255", {}, {"x y", "", 255, false}},
+      {R"(printf '\t\302\240x y\302\240\r\n'; exit 255)", {}, {"x y", "", 255, false}},
       {"printf ' warn \\377\\n' >&2; printf ' ok '; exit 42", {}, {"ok", "warn " + kReplacement, 42, false}},
       {"echo partial; kill -KILL $$", {}, {"partial", "", SIGKILL, false}},
       {"readlink /proc/self/fd/0", std::nullopt, {"/dev/null", "", 0, false}},
@@ -67,7 +69,8 @@ TEST(CommandRunnerTest, RunFeedsInputAndReportsStatusAndCleanOutput) {
   for (const auto& [script, input, expected] : cases) {
     EXPECT_EQ(CommandRunner(5).run("/bin/sh", {"-c", script}, input), expected) << script;
   }
-  sigset_t pending, mask;
+  sigset_t pending;
+  sigset_t mask;
   ::sigpending(&pending);
   ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
   EXPECT_FALSE(::sigismember(&pending, SIGPIPE));

@@ -41,8 +41,9 @@ TEST_F(SecureStateFileTest, MissingFileIsNothingUntilWrittenAndAfterRemoval) {
   file_.write(toBytes("a much longer first version"));
   file_.write(toBytes("short"));
   EXPECT_EQ(toString(file_.read().value()), "short");
-  for (const auto& [entry, mode] : {std::pair{root_ / "parent", 0700u}, {dir_, 0700u}, {path_, 0600u}})
+  for (const auto& [entry, mode] : {std::pair{root_ / "parent", 0700u}, {dir_, 0700u}, {path_, 0600u}}) {
     EXPECT_EQ(modeOf(entry), mode) << entry;
+  }
   EXPECT_EQ(entryCount(dir_), 1);  // no temporary file left behind
   EXPECT_TRUE(file_.remove());
 
@@ -72,7 +73,8 @@ TEST_F(SecureStateFileTest, InsecureEntriesAreRefusedAndRepairedOnlyByWrite) {
     file_.write(toBytes("genuine"));
     SecureStateFile file(dir_.string(), "Status.plist", ::getuid());
     bool swapped = false;
-    file.setBeforeOpenHookForTesting([&](const std::string& path) {
+    // Explicit captures: clang before 16 cannot capture structured bindings implicitly.
+    file.setBeforeOpenHookForTesting([&, &spoil = spoil, &expected = expected](const std::string& path) {
       if (!swapped && path == (expected.starts_with(kDirectory) ? dir_ : path_)) swapped = true, spoil();
     });
     // The read swaps the entry in before its open; remove and validate find it at their path check.
@@ -89,11 +91,11 @@ TEST_F(SecureStateFileTest, InsecureEntriesAreRefusedAndRepairedOnlyByWrite) {
 TEST_F(SecureStateFileTest, LoadRecordMapsEachFailureToItsKind) {
   using E = std::runtime_error;
   struct Errors {  // each kind has its own prefix
-    E missingFile() const { return E("missing"); }
-    E insecureState(const std::string& detail) const { return E("insecure: " + detail); }
-    E readFailed(const std::string& detail) const { return E("read: " + detail); }
-    E writeFailed(const std::string& detail) const { return E("write: " + detail); }
-    E invalidValue(const std::string& detail) const { return E("invalid: " + detail); }
+    static E missingFile() { return E("missing"); }
+    static E insecureState(const std::string& detail) { return E("insecure: " + detail); }
+    static E readFailed(const std::string& detail) { return E("read: " + detail); }
+    static E writeFailed(const std::string& detail) { return E("write: " + detail); }
+    static E invalidValue(const std::string& detail) { return E("invalid: " + detail); }
   };
   const auto load = [&] {
     return outcome<E>([&] {

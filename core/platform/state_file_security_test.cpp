@@ -16,7 +16,8 @@ using Error = HelperStateFileSecurityError;
 // Checks stop at the first failure, in the order type, owner, exact
 // permissions; a fact that could not be fetched fails its check.
 TEST(HelperStateFileSecurityTest, AttributeChecksRunTypeThenOwnerThenExactPermissions) {
-  constexpr auto dir = StateFileType::directory, file = StateFileType::regularFile;
+  constexpr auto dir = StateFileType::directory;
+  constexpr auto file = StateFileType::regularFile;
   const std::tuple<bool, StateFileAttributes, std::string> cases[] = {
       // the directory check or the file check, the facts, the failure
       {true, {dir, 501, 0700}, ""},
@@ -33,7 +34,8 @@ TEST(HelperStateFileSecurityTest, AttributeChecksRunTypeThenOwnerThenExactPermis
   };
   int row = 0;
   for (const auto& [directory, facts, expected] : cases) {
-    const std::string failure = outcome<Error>([&] {
+    // Explicit captures: clang before 16 cannot capture structured bindings implicitly.
+    const std::string failure = outcome<Error>([&directory = directory, &facts = facts] {
       directory ? HelperStateFileSecurity::validateDirectory(facts, 501)
                 : HelperStateFileSecurity::validateStateFile(facts, 501);
     });

@@ -41,8 +41,9 @@ TEST(ProtectionStateTest, Headlines) {
       "Needs password update",          "Protection failed",  "Protected for future restarts",
       "Protected for the next restart", "Needs setup",        "FileVault is off",
       "This Mac is not supported",      "Protection expired", "Protection unknown"};
-  for (std::size_t k = 0; k < std::size(headlines); ++k)
+  for (std::size_t k = 0; k < std::size(headlines); ++k) {
     EXPECT_EQ(ProtectionState::of(static_cast<Kind>(k)).headline(), headlines[k]);
+  }
 }
 
 TEST(HelperProtectionStatusTest, Coding) {

@@ -99,7 +99,9 @@ TEST(SensitiveTextRedactorTest, AgreesWithPlainIcuRendering) {
 TEST(SensitiveTextRedactorTest, HandlesMebibyteHostileInputs) {
   constexpr std::size_t kMiB = 1 << 20;
   const std::string blanks(kMiB, ' ');
-  std::string begins, tokens, redactedTokens;
+  std::string begins;
+  std::string tokens;
+  std::string redactedTokens;
   while (begins.size() < kMiB) begins += kBegin;
   while (tokens.size() < kMiB) tokens += "token token ", redactedTokens += "token [redacted] ";
   // The plain patterns go quadratic, overflow ICU's backtracking stack, or run

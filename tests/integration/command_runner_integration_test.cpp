@@ -84,10 +84,12 @@ TEST_F(CommandRunnerIntegrationTest, LargeDataFlowsBothWaysWithoutBlocking) {
 }
 
 TEST_F(CommandRunnerIntegrationTest, ToolStartsClean) {
-  ::setenv("HARBORKEEPER_SECRET_MARKER", "must not leak", 1);  // left set: harmless to other tests
+  // Left set: harmless to other tests. No thread-safe setenv exists; no other thread runs here.
+  ::setenv("HARBORKEEPER_SECRET_MARKER", "must not leak", 1);  // NOLINT(concurrency-mt-unsafe)
   ASSERT_EQ(::dup2(STDERR_FILENO, 100), 100);                  // a descriptor without close-on-exec
   const auto previousHandler = ::signal(SIGUSR1, SIG_IGN);
-  sigset_t all, previousMask;
+  sigset_t all;
+  sigset_t previousMask;
   ::sigfillset(&all);
   ::pthread_sigmask(SIG_BLOCK, &all, &previousMask);
   // glibc's posix_spawn leaves its two internal signals (32, 33) ignored; any
@@ -97,7 +99,7 @@ TEST_F(CommandRunnerIntegrationTest, ToolStartsClean) {
   EXPECT_THAT(runner.run(HARBORKEEPER_PROCESS_PROBE, {}).standardOutput, MatchesRegex(clean));
   EXPECT_THAT(runner.run(HARBORKEEPER_PROCESS_PROBE, {}, "input").standardOutput, MatchesRegex(clean));
   ::pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
-  ::signal(SIGUSR1, previousHandler);
+  (void)::signal(SIGUSR1, previousHandler);  // restoring the handler just read back cannot fail
   ::close(100);
 }
 
@@ -105,6 +107,7 @@ TEST_F(CommandRunnerIntegrationTest, ParallelRunsAreIndependent) {
   const CommandRunner runner(3);
   const std::string script = "read l; echo \"out-$1 $l\"; echo err-$1 >&2; sleep $2; exit $1";
   std::vector<std::future<CommandResult>> runs;
+  runs.reserve(8);
   const auto start = SteadyClock::now();
   for (int i = 0; i < 8; ++i) {  // odd runs outlive their limit; even ones end with their own status
     runs.push_back(std::async(std::launch::async, [&, i, n = std::to_string(i)] {
@@ -112,7 +115,9 @@ TEST_F(CommandRunnerIntegrationTest, ParallelRunsAreIndependent) {
     }));
   }
   for (int i = 0; i < 8; ++i) {
-    const std::string n = std::to_string(i), out = "out-" + n + " in" + n;
+    const std::string n = std::to_string(i);
+    std::string out = "out-" + n;
+    out += " in" + n;
     EXPECT_EQ(runs[i].get(), (i % 2 ? CommandResult{out, "Command timed out after 0.5 seconds.", -2, true}
                                     : CommandResult{out, "err-" + n, i, false}));
   }

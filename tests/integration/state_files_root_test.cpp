@@ -21,7 +21,8 @@ std::pair<unsigned, unsigned> ownerAndMode(const fs::path& path) {
 TEST(StateFilesRootTest, RootOwnedStateIsUsedAndStateOfNobodysRefused) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root: only root can own state files and hand them to nobody";
   const TemporaryDirectory temp;
-  const fs::path dir = temp.path() / "harborkeeper", file = dir / "ProtectionStatus.plist";
+  const fs::path dir = temp.path() / "harborkeeper";
+  const fs::path file = dir / "ProtectionStatus.plist";
   const ProtectionStatusStore store(dir.string(), 0);
   store.store({});
   EXPECT_EQ(ownerAndMode(dir), std::pair(0u, 0700u));

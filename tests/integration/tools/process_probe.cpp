@@ -10,8 +10,6 @@
 #include <iostream>
 #include <string>
 
-extern char** environ;
-
 int main() {
   for (char** variable = environ; *variable != nullptr; ++variable) std::cout << *variable << '\n';
   char directory[4096];
@@ -20,12 +18,13 @@ int main() {
   DIR* descriptors = ::opendir("/proc/self/fd");
   if (descriptors == nullptr) return 1;
   std::cout << "fds=";
-  std::string separator;
-  while (const dirent* entry = ::readdir(descriptors)) {
+  bool first = true;
+  // readdir_r is deprecated, and this single-threaded probe shares no stream.
+  while (const dirent* entry = ::readdir(descriptors)) {  // NOLINT(concurrency-mt-unsafe)
     // Skips the listing's own descriptor.
     if (entry->d_name[0] == '.' || std::atoi(entry->d_name) == ::dirfd(descriptors)) continue;
-    std::cout << separator << entry->d_name;
-    separator = " ";
+    std::cout << (first ? "" : " ") << entry->d_name;
+    first = false;
   }
   ::closedir(descriptors);
   std::cout << '\n';
