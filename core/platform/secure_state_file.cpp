@@ -33,10 +33,13 @@ void validateRepairableDirectory(const struct stat& status, uid_t owner) {
   Security::validateDirectory(attributes, owner);
 }
 
+// Missing parents get the ordinary mode (umask applies): only the state
+// directory itself is private.
 void makeDirectories(const std::string& path) {
   for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
     const std::string prefix = path.substr(0, end);
-    if (!prefix.empty() && ::mkdir(prefix.c_str(), 0700) != 0 && errno != EEXIST) {
+    const mode_t mode = end == std::string::npos ? 0700 : 0777;
+    if (!prefix.empty() && ::mkdir(prefix.c_str(), mode) != 0 && errno != EEXIST) {
       throw FileSystemError(errno, "Could not create directory", prefix);
     }
     if (end == std::string::npos) return;

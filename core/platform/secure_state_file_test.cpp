@@ -41,7 +41,11 @@ TEST_F(SecureStateFileTest, MissingFileIsNothingUntilWrittenAndAfterRemoval) {
   file_.write(toBytes("a much longer first version"));
   file_.write(toBytes("short"));
   EXPECT_EQ(toString(file_.read().value()), "short");
-  for (const auto& [entry, mode] : {std::pair{root_ / "parent", 0700u}, {dir_, 0700u}, {path_, 0600u}}) {
+  const mode_t umaskNow = ::umask(0);
+  ::umask(umaskNow);
+  // Only the state directory is private; a missing parent gets the ordinary mode.
+  const unsigned parentMode = 0777u & ~umaskNow;
+  for (const auto& [entry, mode] : {std::pair{root_ / "parent", parentMode}, {dir_, 0700u}, {path_, 0600u}}) {
     EXPECT_EQ(modeOf(entry), mode) << entry;
   }
   EXPECT_EQ(entryCount(dir_), 1);  // no temporary file left behind
