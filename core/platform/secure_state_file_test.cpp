@@ -32,10 +32,8 @@ struct SecureStateFileTest : testing::Test {
 };
 
 TEST_F(SecureStateFileTest, MissingFileIsNothingUntilWrittenAndAfterRemoval) {
-  EXPECT_FALSE(file_.exists());
-  EXPECT_EQ(file_.read(), std::nullopt);
-  EXPECT_FALSE(file_.remove());
-  EXPECT_FALSE(fs::exists(root_ / "parent"));  // looking creates nothing
+  // Looking creates nothing.
+  EXPECT_TRUE(!file_.exists() && !file_.read() && !file_.remove() && !fs::exists(root_ / "parent"));
   EXPECT_EQ(outcome<FileSystemError>([&] { file_.validate(); }),
             "Could not inspect " + dir_.string() + ": No such file or directory.");
   file_.write(toBytes("a much longer first version"));
@@ -44,10 +42,8 @@ TEST_F(SecureStateFileTest, MissingFileIsNothingUntilWrittenAndAfterRemoval) {
   const mode_t umaskNow = ::umask(0);
   ::umask(umaskNow);
   // Only the state directory is private; a missing parent gets the ordinary mode.
-  const unsigned parentMode = 0777u & ~umaskNow;
-  for (const auto& [entry, mode] : {std::pair{root_ / "parent", parentMode}, {dir_, 0700u}, {path_, 0600u}}) {
-    EXPECT_EQ(modeOf(entry), mode) << entry;
-  }
+  EXPECT_EQ(modeOf(root_ / "parent"), 0777u & ~umaskNow);
+  EXPECT_TRUE(modeOf(dir_) == 0700u && modeOf(path_) == 0600u);
   EXPECT_EQ(entryCount(dir_), 1);  // no temporary file left behind
   EXPECT_TRUE(file_.remove());
 
@@ -112,11 +108,11 @@ TEST_F(SecureStateFileTest, LoadRecordMapsEachFailureToItsKind) {
   };
   EXPECT_EQ(load(), "missing");
   const std::string largest(SecureStateFile::maximumFileSize, 'a');
-  const std::string tooLarge = "read: Could not read " + path_.string() + ": File too large.";
-  const std::pair<std::string, std::string> cases[] = {{"undecodable", "invalid: not a record"},
-                                                       {"invalid", "own error"},
-                                                       {largest, largest},
-                                                       {largest + "a", tooLarge}};
+  const std::pair<std::string, std::string> cases[] = {
+      {"undecodable", "invalid: not a record"},
+      {"invalid", "own error"},
+      {largest, largest},
+      {largest + "a", "read: Could not read " + path_.string() + ": File too large."}};
   for (const auto& [content, expected] : cases) {
     secure_store::writeRecord(file_, toBytes(content), Errors{});
     EXPECT_EQ(load(), expected) << content.substr(0, 20);

@@ -1,6 +1,7 @@
 #include "core/protection/file_vault_users.h"
 
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -13,11 +14,8 @@ FileVaultUser user(std::string name, std::optional<std::string> uuid = std::null
 FileVaultUserList unavailable(std::string reason) { return FileVaultUserList{{}, std::move(reason)}; }
 
 TEST(ParseFileVaultUsersTest, Table) {
-  const struct Case {
-    std::string name, output, error;
-    std::int32_t exitCode;
-    FileVaultUserList expected;
-  } cases[] = {
+  // name, output, error, exit code, expected
+  const std::tuple<const char*, std::string, std::string, std::int32_t, FileVaultUserList> cases[] = {
       {"two users", "alice , U-1\nbob,U-2\n", "ignored", 0, {{user("alice", "U-1"), user("bob", "U-2")}, {}}},
       {"CRLF, CR", "alice\r\n\r\nbob\rcarol", "", 0, {{user("alice"), user("bob"), user("carol")}, {}}},
       {"no comma, empty uuid", "alice\nbob, \t", "", 0, {{user("alice"), user("bob")}, {}}},
@@ -27,17 +25,13 @@ TEST(ParseFileVaultUsersTest, Table) {
       {"error preferred", "alice,1", "  Error: not root\n", 1, unavailable("Error: not root")},
       {"output when no error", " partial output \n", "", 2, unavailable("partial output")},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(SystemStatusService::parseFileVaultUsers(c.output, c.error, c.exitCode), c.expected);
+  for (const auto& [name, output, error, exitCode, expected] : cases) {
+    EXPECT_EQ(SystemStatusService::parseFileVaultUsers(output, error, exitCode), expected) << name;
   }
 }
 
 TEST(FileVaultUserListTest, Texts) {
-  const struct Case {
-    FileVaultUserList list;
-    std::string_view displayName, detail;
-  } cases[] = {
+  const std::tuple<FileVaultUserList, std::string_view, std::string_view> cases[] = {
       {FileVaultUserList::requiresHelper(), "Unknown", FileVaultUserList::helperRequiredReason},
       // Never the tool's own text.
       {unavailable("fdesetup list failed with exit code 1."), "Unknown",
@@ -46,11 +40,11 @@ TEST(FileVaultUserListTest, Texts) {
       {{{user("alice")}, {}}, "1 user", "Harborkeeper can offer detected users during setup."},
       {{{user("alice"), user("bob")}, {}}, "2 users", "Harborkeeper can offer detected users during setup."},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.displayName << ": " << c.detail);
-    EXPECT_EQ(c.list.isAvailable(), c.displayName != "Unknown");
-    EXPECT_EQ(c.list.displayName(), c.displayName);
-    EXPECT_EQ(c.list.detail(), c.detail);
+  for (const auto& [list, displayName, detail] : cases) {
+    SCOPED_TRACE(testing::Message() << displayName << ": " << detail);
+    EXPECT_EQ(list.isAvailable(), displayName != "Unknown");
+    EXPECT_EQ(list.displayName(), displayName);
+    EXPECT_EQ(list.detail(), detail);
   }
 }
 

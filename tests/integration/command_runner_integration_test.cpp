@@ -95,9 +95,9 @@ TEST_F(CommandRunnerIntegrationTest, ToolStartsClean) {
   // glibc's posix_spawn leaves its two internal signals (32, 33) ignored; any
   // signal a program can use is at its default.
   const char* clean = "cwd=/\nfds=0 1 2\nSigBlk:\t0{16}\nSigIgn:\t(0{16}|0{7}180{7})\ngroup leader";
-  const CommandRunner runner(3);
-  EXPECT_THAT(runner.run(HARBORKEEPER_PROCESS_PROBE, {}).standardOutput, MatchesRegex(clean));
-  EXPECT_THAT(runner.run(HARBORKEEPER_PROCESS_PROBE, {}, "input").standardOutput, MatchesRegex(clean));
+  EXPECT_THAT(CommandRunner(3).run(HARBORKEEPER_PROCESS_PROBE, {}).standardOutput, MatchesRegex(clean));
+  EXPECT_THAT(CommandRunner(3).run(HARBORKEEPER_PROCESS_PROBE, {}, "input").standardOutput,
+              MatchesRegex(clean));
   ::pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
   (void)::signal(SIGUSR1, previousHandler);  // restoring the handler just read back cannot fail
   ::close(100);
@@ -105,7 +105,7 @@ TEST_F(CommandRunnerIntegrationTest, ToolStartsClean) {
 
 TEST_F(CommandRunnerIntegrationTest, ParallelRunsAreIndependent) {
   const CommandRunner runner(3);
-  const std::string script = "read l; echo \"out-$1 $l\"; echo err-$1 >&2; sleep $2; exit $1";
+  const std::string script = "read l; echo \"out $l\"; echo err-$1 >&2; sleep $2; exit $1";
   std::vector<std::future<CommandResult>> runs;
   runs.reserve(8);
   const auto start = SteadyClock::now();
@@ -116,10 +116,9 @@ TEST_F(CommandRunnerIntegrationTest, ParallelRunsAreIndependent) {
   }
   for (int i = 0; i < 8; ++i) {
     const std::string n = std::to_string(i);
-    std::string out = "out-" + n;
-    out += " in" + n;
-    EXPECT_EQ(runs[i].get(), (i % 2 ? CommandResult{out, "Command timed out after 0.5 seconds.", -2, true}
-                                    : CommandResult{out, "err-" + n, i, false}));
+    EXPECT_EQ(runs[i].get(),
+              (i % 2 ? CommandResult{"out in" + n, "Command timed out after 0.5 seconds.", -2, true}
+                     : CommandResult{"out in" + n, "err-" + n, i, false}));
   }
   EXPECT_LT(secondsSince(start), 1.5);
 }
