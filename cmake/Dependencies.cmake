@@ -5,6 +5,8 @@ find_package(OpenSSL 3 REQUIRED)
 find_package(ICU 72 REQUIRED COMPONENTS uc i18n)
 find_package(nlohmann_json 3.11 REQUIRED)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
+pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+find_package(CLI11 2.1 REQUIRED)
 
 if(HARBORKEEPER_TESTS)
   find_package(GTest REQUIRED)

@@ -1,0 +1,64 @@
+#include "core/platform/serial_queue.h"
+
+#include <pthread.h>
+
+#include <utility>
+
+namespace harborkeeper {
+
+SerialQueue::SerialQueue(std::string label) : label_(std::move(label)) {
+  worker_ = std::thread([this] { workerLoop(); });
+  // Thread names are limited to 15 bytes; keep the distinctive tail.
+  std::string name = label_.size() > 15 ? label_.substr(label_.size() - 15) : label_;
+  pthread_setname_np(worker_.native_handle(), name.c_str());
+}
+
+SerialQueue::~SerialQueue() { shutdown(); }
+
+bool SerialQueue::async(std::function<void()> work) {
+  {
+    std::lock_guard lock(mutex_);
+    if (stopping_) return false;
+    pending_.push_back(std::move(work));
+  }
+  wake_.notify_one();
+  return true;
+}
+
+void SerialQueue::shutdown() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+    pending_.clear();
+  }
+  wake_.notify_all();
+  idle_.notify_all();
+  if (worker_.joinable() && worker_.get_id() != std::this_thread::get_id()) worker_.join();
+}
+
+void SerialQueue::drain() {
+  std::unique_lock lock(mutex_);
+  idle_.wait(lock, [this] { return stopping_ || (pending_.empty() && !running_); });
+}
+
+void SerialQueue::workerLoop() {
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    wake_.wait(lock, [this] { return stopping_ || !pending_.empty(); });
+    if (stopping_) return;
+    std::function<void()> work = std::move(pending_.front());
+    pending_.pop_front();
+    running_ = true;
+    lock.unlock();
+    try {
+      work();
+    } catch (...) {  // NOLINT(bugprone-empty-catch): a work item's failure must not stop the queue
+    }
+    work = nullptr;
+    lock.lock();
+    running_ = false;
+    if (pending_.empty()) idle_.notify_all();
+  }
+}
+
+}  // namespace harborkeeper
