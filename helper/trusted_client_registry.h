@@ -5,6 +5,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/protection/client_signing_policy.h"
@@ -47,6 +48,10 @@ struct TrustedClient {
 // by group or others (a sticky directory owned by `expectedOwner` counts as
 // safe). Read afresh on every load. Throws PeerCheckError (registry*).
 std::vector<TrustedClient> loadTrustedClientRegistry(const std::string& path, uid_t expectedOwner = 0);
+
+// The document alone (no file checks), for load and the fuzz target. Throws
+// PeerCheckError(registryInvalid) naming `path`.
+std::vector<TrustedClient> decodeTrustedClientRegistry(std::string_view bytes, const std::string& path);
 
 // The same document, for `cmake --install` and tests: XML property list.
 std::string encodeTrustedClientRegistry(const std::vector<TrustedClient>& clients);
