@@ -1,1 +1,209 @@
-// placeholder
+#include "helper/helper_listener.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "core/ipc/helper_protocol.h"
+#include "helper/helper_connection.h"
+
+namespace harborkeeper {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// While descriptors are short the pending connection keeps the socket
+// readable, so the accept thread pauses this long instead of spinning.
+constexpr int shortagePauseMilliseconds = 100;
+
+std::system_error systemError(const char* what) { return {errno, std::generic_category(), what}; }
+
+UniqueFd makeEventFd() {
+  UniqueFd fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!fd) throw systemError("Could not create the listener's wake-up descriptor");
+  return fd;
+}
+
+// A client that leaves between poll() and accept() must not block the accept thread.
+void makeNonBlocking(int fd) {
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) {
+    throw systemError("Could not configure the listening socket");
+  }
+}
+
+bool isTransient(int error) {
+  return error == EAGAIN || error == EWOULDBLOCK || error == EINTR || error == ECONNABORTED ||
+         error == EPROTO;
+}
+
+bool isResourceShortage(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+std::string errorText(int error) { return std::error_code(error, std::generic_category()).message(); }
+
+void serveRequests(const std::shared_ptr<HelperConnection>& connection, HelperService& service,
+                   milliseconds partialFrameTimeout) {
+  while (const std::optional<Bytes> payload = connection->stream().readFrame(partialFrameTimeout)) {
+    const ipc::Request request = ipc::decodeRequest(asStringView(*payload));
+    service.handle(request, [connection, id = request.id](plist::Array reply) {
+      connection->sendReply(id, std::move(reply));
+    });
+  }
+}
+
+}  // namespace
+
+HelperListener::HelperListener(UniqueFd listeningSocket, HelperService& service, const PeerVerifier& verifier,
+                               Logger& logger, ListenerLimits limits)
+    : listeningSocket_(std::move(listeningSocket)),
+      wakeup_(makeEventFd()),
+      service_(service),
+      verifier_(verifier),
+      logger_(logger),
+      limits_(limits) {
+  makeNonBlocking(listeningSocket_.get());
+}
+
+HelperListener::~HelperListener() { stop(); }
+
+void HelperListener::resume() {
+  std::lock_guard stopLock(stopMutex_);
+  if (stopping_ || acceptThread_.joinable()) return;
+  acceptThread_ = std::thread([this] { acceptLoop(); });
+}
+
+void HelperListener::stop() {
+  std::lock_guard stopLock(stopMutex_);
+  stopping_ = true;
+  wake();
+  if (acceptThread_.joinable()) acceptThread_.join();
+  std::unique_lock lock(mutex_);
+  for (const auto& connection : connections_) connection->close();
+  allClosed_.wait(lock, [this] { return connections_.empty(); });
+  lock.unlock();
+  reapFinished();
+}
+
+std::size_t HelperListener::openConnections() const {
+  std::lock_guard lock(mutex_);
+  return connections_.size();
+}
+
+void HelperListener::acceptLoop() {
+  bool shortage = false;
+  for (;;) {
+    pollfd fds[] = {{wakeup_.get(), POLLIN, 0}, {listeningSocket_.get(), POLLIN, 0}};
+    if (::poll(fds, shortage ? 1 : 2, shortage ? shortagePauseMilliseconds : -1) < 0 && errno != EINTR) {
+      logger_.error("Stopped accepting connections: " + errorText(errno));
+      return;
+    }
+    if (fds[0].revents != 0) {
+      std::uint64_t count = 0;
+      (void)!::read(wakeup_.get(), &count, sizeof count);
+      reapFinished();
+    }
+    if (stopping_) return;
+    const int fd = ::accept4(listeningSocket_.get(), nullptr, nullptr, SOCK_CLOEXEC);
+    const int error = fd < 0 ? errno : 0;
+    if (fd >= 0) {
+      admit(UniqueFd(fd));
+    } else if (isResourceShortage(error)) {
+      if (!shortage) logger_.error("Could not accept a connection: " + errorText(error));
+    } else if (!isTransient(error)) {
+      logger_.error("Stopped accepting connections: " + errorText(error));
+      return;
+    }
+    shortage = isResourceShortage(error);
+  }
+}
+
+void HelperListener::admit(UniqueFd socket) {
+  std::unique_lock lock(mutex_);
+  const std::size_t open = connections_.size();
+  if (open >= limits_.maximumConnections) {
+    lock.unlock();
+    logger_.error("Refused a connection: " + std::to_string(open) + " connections are open already.");
+    return;
+  }
+  auto connection = std::make_shared<HelperConnection>(std::move(socket));
+  connections_.insert(connection);
+  lock.unlock();
+  try {
+    connection->start([this, connection] { serve(connection); });
+  } catch (const std::system_error& error) {
+    lock.lock();
+    connections_.erase(connection);
+    if (connections_.empty()) allClosed_.notify_all();
+    lock.unlock();
+    logger_.error(std::string("Could not serve a connection: ") + error.what());
+  }
+}
+
+// The peer check comes before any byte is read: a refused peer's request is
+// never even parsed.
+void HelperListener::serve(const std::shared_ptr<HelperConnection>& connection) {
+  try {
+    verifier_.verify(connection->fd());
+  } catch (const std::exception& error) {
+    logger_.error(std::string("Refused a client: ") + error.what());
+    connection->close();
+    finished(connection);
+    return;
+  }
+  try {
+    serveRequests(connection, service_, limits_.partialFrameTimeout);
+  } catch (const std::system_error& error) {
+    // A peer that leaves with replies unread resets the connection: no fault of ours or its.
+    const bool reset = error.code() == std::errc::connection_reset;
+    logger_.log(reset ? LogLevel::debug : LogLevel::error,
+                std::string("Closed a connection: ") + error.what());
+    connection->close();
+  } catch (const std::exception& error) {
+    // Protocol errors name the fault, never the peer's bytes.
+    logger_.error(std::string("Closed a connection: ") + error.what());
+    connection->close();
+  } catch (...) {
+    logger_.error("Closed a connection: unexpected error.");
+    connection->close();
+  }
+  finished(connection);
+}
+
+void HelperListener::finished(const std::shared_ptr<HelperConnection>& connection) {
+  {
+    std::lock_guard lock(mutex_);
+    connections_.erase(connection);
+    finished_.push_back(connection);
+    if (connections_.empty()) allClosed_.notify_all();
+  }
+  wake();
+}
+
+void HelperListener::reapFinished() {
+  std::vector<std::shared_ptr<HelperConnection>> done;
+  {
+    std::lock_guard lock(mutex_);
+    done.swap(finished_);
+  }
+  for (const auto& connection : done) connection->join();
+}
+
+void HelperListener::wake() noexcept {
+  const std::uint64_t one = 1;
+  (void)!::write(wakeup_.get(), &one, sizeof one);
+}
+
+}  // namespace harborkeeper

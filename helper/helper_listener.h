@@ -8,6 +8,7 @@
 #include <mutex>
 #include <set>
 #include <thread>
+#include <vector>
 
 #include "core/platform/unique_fd.h"
 #include "helper/helper_service.h"
@@ -47,8 +48,11 @@ class HelperListener final {
 
  private:
   void acceptLoop();
+  void admit(UniqueFd socket);
   void serve(const std::shared_ptr<HelperConnection>& connection);
   void finished(const std::shared_ptr<HelperConnection>& connection);
+  void reapFinished();
+  void wake() noexcept;
 
   UniqueFd listeningSocket_;
   UniqueFd wakeup_;  // eventfd that ends the accept loop
@@ -60,6 +64,10 @@ class HelperListener final {
   mutable std::mutex mutex_;
   std::condition_variable allClosed_;
   std::set<std::shared_ptr<HelperConnection>> connections_;
+  // Connections whose thread has ended but is not joined yet; the accept
+  // thread joins them as soon as it is woken, so none pile up.
+  std::vector<std::shared_ptr<HelperConnection>> finished_;
+  std::mutex stopMutex_;  // serialises stop()
   std::atomic<bool> stopping_{false};
 };
 

@@ -47,8 +47,8 @@ class HelperService final {
  public:
   static constexpr std::string_view operationQueueLabel = "com.lumaq.Harborkeeper.Helper.operations";
 
-  HelperService(HelperServiceConfiguration configuration, std::shared_ptr<const CommandExecutor> commandRunner,
-                Logger& logger);
+  HelperService(HelperServiceConfiguration configuration,
+                std::shared_ptr<const CommandExecutor> commandRunner, Logger& logger);
   ~HelperService();  // shuts the operation queue down
   HelperService(const HelperService&) = delete;
   HelperService& operator=(const HelperService&) = delete;
@@ -63,6 +63,10 @@ class HelperService final {
   // the operation queue for a queued one (or never, if the queue shuts down
   // before the work starts).
   void handle(const ipc::Request& request, ReplyHandler reply);
+  // Serves `entry` as its dispatch says, without checking anything: handle()'s
+  // second half, open so tests can run tables of their own. Work must not
+  // throw; a queued one that does is logged and its reply never comes.
+  void dispatch(const DispatchEntry& entry, plist::Array arguments, ReplyHandler reply);
 
   // Queues work on the operation queue (queued selectors and the launch-time
   // re-arm). False after shutdown().

@@ -29,10 +29,10 @@ class SecurePathError : public std::runtime_error {
 // Opens the regular file at the absolute `path` for reading, walking from "/"
 // one component at a time through descriptors (O_NOFOLLOW), so nothing on the
 // way can be swapped for a link after it was checked. Every directory must be
-// owned by `expectedOwner` and not writable by group or others, unless it is
-// sticky and owned by `expectedOwner` (as /tmp). The file must be owned by
-// `expectedOwner` and not writable by group or others. `status` receives the
-// file's fstat. Throws SecurePathError.
+// owned by `expectedOwner` (or root, who can change anything anyway) and not
+// writable by group or others, unless it is sticky and owned by one of them
+// (as /tmp). The file must be owned by `expectedOwner` and not writable by
+// group or others. `status` receives the file's fstat. Throws SecurePathError.
 UniqueFd openSecurely(const std::string& path, uid_t expectedOwner, struct stat* status = nullptr);
 
 }  // namespace harborkeeper

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <optional>
@@ -40,6 +41,8 @@ class FrameStream final {
   UniqueFd socket_;
   std::mutex writeMutex_;
   FrameReader reader_;
+  std::atomic<bool> shutDown_{false};
+  std::chrono::steady_clock::time_point frameStart_;  // first byte of the buffered partial frame
 };
 
 }  // namespace harborkeeper::ipc

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <exception>
 #include <future>
 #include <map>
 #include <memory>
@@ -33,7 +34,10 @@ class HelperClientError : public std::runtime_error {
 // One connection to the daemon. Requests may be sent from any thread and any
 // number may be outstanding at once; a reader thread hands each reply to the
 // request with its id, whatever order replies come in. When the connection
-// closes every outstanding and later request fails with connectionClosed.
+// closes every outstanding and later request fails with connectionClosed;
+// when the daemon sends a reply that cannot be read or answers an id nobody
+// asked, the client closes and every outstanding request fails with badReply
+// (later ones with connectionClosed).
 class HelperClient final {
  public:
   // Connects to the Unix socket at `socketPath`. Throws HelperClientError
@@ -59,13 +63,14 @@ class HelperClient final {
  private:
   explicit HelperClient(UniqueFd socket);
   void readLoop();
-  void failOutstanding();
+  void failOutstanding(HelperClientError::Kind kind);
 
   FrameStream stream_;
   std::mutex mutex_;
   std::int64_t nextId_ = 1;
   bool closed_ = false;
   std::map<std::int64_t, std::promise<plist::Array>> outstanding_;
+  std::exception_ptr closeError_;  // what the outstanding requests failed with
   std::thread reader_;
 };
 
