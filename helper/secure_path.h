@@ -13,11 +13,11 @@ namespace harborkeeper {
 class SecurePathError : public std::runtime_error {
  public:
   enum class Kind {
-    missing,       // a component does not exist
-    unreadable,    // a system call failed otherwise
+    missing,     // a component does not exist
+    unreadable,  // a system call failed otherwise
     notAbsolute,
-    link,          // a component is a symbolic link
-    insecure,      // wrong owner, writable by group/others, or not a regular file
+    link,      // a component is a symbolic link
+    insecure,  // wrong owner, writable by group/others, or not a regular file
   };
   SecurePathError(Kind kind, const std::string& message) : std::runtime_error(message), kind_(kind) {}
   [[nodiscard]] Kind kind() const noexcept { return kind_; }

@@ -22,10 +22,10 @@ class PeerCheckError : public std::runtime_error {
     registryUnreadable,
     registryInsecure,
     registryInvalid,
-    peerUnknown,        // no credentials, or the process vanished
-    executableGone,     // deleted or replaced since it was started
-    executableInsecure, // not root-owned, writable by others, or in an unsafe directory
-    notTrusted,         // not listed, or listed with an identity the policy refuses
+    peerUnknown,         // no credentials, or the process vanished
+    executableGone,      // deleted or replaced since it was started
+    executableInsecure,  // not root-owned, writable by others, or in an unsafe directory
+    notTrusted,          // not listed, or listed with an identity the policy refuses
   };
   PeerCheckError(Kind kind, const std::string& message) : std::runtime_error(message), kind_(kind) {}
   [[nodiscard]] Kind kind() const noexcept { return kind_; }

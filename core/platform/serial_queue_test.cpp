@@ -1,13 +1,13 @@
 #include "core/platform/serial_queue.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <future>
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace harborkeeper {
 namespace {
