@@ -3,7 +3,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <future>
+#include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -13,197 +16,130 @@
 #include "core/platform/state_file_test_support.h"
 #include "core/protection/file_vault_users.h"
 #include "core/protection/protection_status_store.h"
+#include "helper/helper_options.h"
 
 namespace harborkeeper {
 namespace {
 
 using namespace testing_support;
-using Kind = ipc::ProtocolError::Kind;
 
-struct ToolRun {
-  std::string executable;
-  std::vector<std::string> arguments;
-  std::optional<std::string> standardInput;
-  std::optional<double> timeout;
-  bool operator==(const ToolRun&) const = default;
-};
+// Executable, arguments, whether it got a standard input, timeout.
+using ToolRun = std::tuple<std::string, std::vector<std::string>, bool, std::optional<double>>;
 
-// Calls and log lines come from one thread at a time, each seen after a
-// future the test waits for, so no locks are needed.
-class RecordingExecutor final : public CommandExecutor {
- public:
-  explicit RecordingExecutor(CommandResult result) : result_(std::move(result)) {}
+// Called on the test's own thread (a direct request), so no lock is needed.
+struct RecordingExecutor final : CommandExecutor {
   CommandResult run(const std::string& executable, const std::vector<std::string>& arguments,
                     std::optional<std::string_view> standardInput,
                     std::optional<double> timeout) const noexcept override {
-    runs.push_back({executable, arguments,
-                    standardInput ? std::optional<std::string>(*standardInput) : std::nullopt, timeout});
-    return result_;
+    runs.emplace_back(executable, arguments, standardInput.has_value(), timeout);
+    return result;
   }
+  CommandResult result;
   mutable std::vector<ToolRun> runs;
-
- private:
-  CommandResult result_;
-};
-
-struct RecordingLogger final : Logger {
-  void log(LogLevel, std::string_view message) noexcept override { lines.emplace_back(message); }
-  std::vector<std::string> lines;
 };
 
 struct HelperServiceTest : testing::Test {
-  HelperService makeService(CommandResult toolResult = {}) {
-    executor_ = std::make_shared<RecordingExecutor>(std::move(toolResult));
-    HelperServiceConfiguration configuration;
-    configuration.stateDirectory = stateDirectory_.string();
-    configuration.fdesetupPath = "/opt/stand-in/fdesetup";
-    configuration.stateOwner = ::getuid();
-    return {configuration, executor_, logger_};
-  }
-
-  // Every reply handle() gives, in the order given.
-  static std::vector<plist::Array> handle(HelperService& service, std::string selector,
-                                          plist::Array arguments = {}) {
+  // The one reply of a direct request.
+  plist::Array handle(std::string_view selector) {
     std::vector<plist::Array> replies;
-    service.handle({7, std::move(selector), std::move(arguments)},
+    service.handle({7, std::string(selector), {}},
                    [&](plist::Array reply) { replies.push_back(std::move(reply)); });
-    return replies;
+    return replies.size() == 1 ? replies[0] : plist::Array{"not one reply"};
   }
 
-  const TemporaryDirectory temp_;
-  const fs::path stateDirectory_ = temp_.path() / "state";
-  std::shared_ptr<RecordingExecutor> executor_;
-  RecordingLogger logger_;
+  const TemporaryDirectory temp;
+  const fs::path state = temp.path() / "state";
+  const std::shared_ptr<RecordingExecutor> executor = std::make_shared<RecordingExecutor>();
+  const std::unique_ptr<Logger> logger = makeProcessLogger(LogDestination::standardError);
+  HelperService service{{.stateDirectory = state, .fdesetupPath = "/opt/fdesetup", .stateOwner = ::getuid()},
+                        executor,
+                        *logger};
 };
 
-TEST_F(HelperServiceTest, DispatchTableServesEverySelectorOfTheInterfaceOnce) {
-  const auto table = HelperService::dispatchTable();
-  const auto interface = ipc::helperInterface();
-  ASSERT_EQ(table.size(), interface.size());
-  for (std::size_t i = 0; i < table.size(); ++i) EXPECT_EQ(table[i].selector, interface[i].selector);
-}
-
+// A failing run is reported inside the list.
 TEST_F(HelperServiceTest, FileVaultUsersComeFromOneRunOfFdesetupList) {
-  const std::tuple<const char*, CommandResult, FileVaultUserList> cases[] = {
-      {"two users",
-       {"alice,0A1B2C3D-0000-4000-8000-000000000001\nbob,0A1B2C3D-0000-4000-8000-000000000002", "", 0, false},
-       {{{"alice", "0A1B2C3D-0000-4000-8000-000000000001"}, {"bob", "0A1B2C3D-0000-4000-8000-000000000002"}},
-        {}}},
-      {"silent failure", {"", "", 1, false}, {{}, "fdesetup list failed with exit code 1."}},
-  };
-  for (const auto& [name, toolResult, expected] : cases) {
-    SCOPED_TRACE(name);
-    HelperService service = makeService(toolResult);
-    const std::vector<plist::Array> replies =
-        handle(service, std::string(ipc::selectors::fileVaultUsersData));
-    ASSERT_EQ(replies.size(), 1u);
-    const std::optional<Bytes> data = ipc::readOptionalDataReply(replies[0]);
-    ASSERT_TRUE(data.has_value());
-    EXPECT_EQ(FileVaultUserList::decode(asStringView(*data)), expected);
-    EXPECT_EQ(executor_->runs,
-              (std::vector<ToolRun>{{"/opt/stand-in/fdesetup", {"list"}, std::nullopt, 30.0}}));
-  }
+  executor->result = {"", "", 1, false};
+  const auto data = ipc::readOptionalDataReply(handle(ipc::selectors::fileVaultUsersData));
+  ASSERT_TRUE(data.has_value());
+  EXPECT_EQ(FileVaultUserList::decode(asStringView(*data)),
+            (FileVaultUserList{{}, "fdesetup list failed with exit code 1."}));
+  EXPECT_EQ(executor->runs, std::vector{ToolRun("/opt/fdesetup", {"list"}, false, 30.0)});
 }
 
 // The stored bytes go out untouched, but only while the file passes the checks.
 TEST_F(HelperServiceTest, ProtectionStatusIsTheStoredBytesOfASecureFile) {
-  HelperService service = makeService();
-  const ProtectionStatusStore store(stateDirectory_.string(), ::getuid());
-  const fs::path file = stateDirectory_ / "ProtectionStatus.plist";
-  const std::pair<const char*, std::function<bool()>> steps[] = {
-      {"absent", [] { return false; }},
-      {"stored",
-       [&] {
-         return store.store({HelperProtectionMode::persistent, true, Date(), "Armed."}), true;
-       }},
-      {"widened", [&] { return ::chmod(file.c_str(), 0644), false; }},
+  const ProtectionStatusStore store(state, ::getuid());
+  const fs::path file = state / "ProtectionStatus.plist";
+  const auto status = [&] {
+    return ipc::readOptionalDataReply(handle(ipc::selectors::protectionStatusData));
   };
-  for (const auto& [name, step] : steps) {
-    SCOPED_TRACE(name);
-    const bool expectData = step();
-    const std::vector<plist::Array> replies =
-        handle(service, std::string(ipc::selectors::protectionStatusData));
-    ASSERT_EQ(replies.size(), 1u);
-    const std::optional<Bytes> data = ipc::readOptionalDataReply(replies[0]);
-    EXPECT_EQ(data.has_value(), expectData);
-    if (data) {
-      EXPECT_EQ(toString(*data), contentOf(file));
-    }
-  }
+  EXPECT_EQ(status(), std::nullopt);
+  store.store({HelperProtectionMode::persistent, true, Date(), "Armed."});
+  EXPECT_EQ(status(), toBytes(contentOf(file)));
+  ::chmod(file.c_str(), 0644);
+  EXPECT_EQ(status(), std::nullopt);
 }
 
-TEST_F(HelperServiceTest, RequestsThatDoNotFitTheInterfaceRunNothing) {
-  HelperService service = makeService();
-  const std::tuple<std::string, plist::Array, Kind> cases[] = {
-      {"armNextRestartWithReply:", {}, Kind::unknownSelector},
-      {"helperVersionWithReply", {}, Kind::unknownSelector},
-      {std::string(ipc::selectors::fileVaultUsersData), {"extra"}, Kind::badArguments},
-      {std::string(ipc::selectors::helperVersion), {42}, Kind::badArguments},
-  };
-  for (const auto& [selector, arguments, kind] : cases) {
-    SCOPED_TRACE(selector);
-    bool replied = false;
-    try {
-      service.handle({1, selector, arguments}, [&](const plist::Array&) { replied = true; });
-      ADD_FAILURE() << "no ProtocolError";
-    } catch (const ipc::ProtocolError& error) {
-      EXPECT_EQ(error.kind(), kind);
-    }
-    EXPECT_FALSE(replied);
-  }
-  EXPECT_TRUE(executor_->runs.empty());
-}
-
-// A direct request is answered at once even while an operation holds the queue.
-TEST_F(HelperServiceTest, DirectRequestsDoNotWaitForTheOperationQueue) {
-  HelperService service = makeService();
+// Queued work waits behind what holds the queue, then runs in arrival order
+// and replies once; direct requests do not wait for it.
+TEST_F(HelperServiceTest, QueuedWorkRunsInOrderWhileDirectRequestsAnswerAtOnce) {
   std::promise<void> release;
-  std::promise<void> started;
-  ASSERT_TRUE(service.enqueue([&, gate = release.get_future().share()] {
-    started.set_value();
-    gate.wait();
-  }));
-  started.get_future().wait();
-  std::promise<plist::Array> queuedReply;
-  const DispatchEntry queued{"queued:", Dispatch::queued,
-                             [](HelperService&, const plist::Array&) { return ipc::textReply("queued"); }};
-  service.dispatch(queued, {}, [&](plist::Array reply) { queuedReply.set_value(std::move(reply)); });
-
-  EXPECT_EQ(handle(service, std::string(ipc::selectors::helperVersion)),
-            std::vector<plist::Array>{ipc::textReply("1.3")});
-  auto pending = queuedReply.get_future();
-  EXPECT_EQ(pending.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-  release.set_value();
-  EXPECT_EQ(pending.get(), ipc::textReply("queued"));
-}
-
-// Queued work runs one at a time in arrival order and each replies once; a
-// failing one is logged without a reply and the queue carries on.
-TEST_F(HelperServiceTest, QueuedWorkRunsInOrderAndRepliesOnce) {
-  HelperService service = makeService();
-  std::vector<std::int64_t> ran;
+  ASSERT_TRUE(service.enqueue([gate = release.get_future().share()] { gate.wait(); }));
+  const DispatchEntry echo{"echo:", Dispatch::queued,
+                           [](HelperService&, const plist::Array& arguments) { return arguments; }};
   std::vector<std::int64_t> replied;
-  const DispatchEntry entry{"record:", Dispatch::queued, [&](HelperService&, const plist::Array& arguments) {
-                              ran.push_back(*arguments.at(0).get<std::int64_t>());
-                              if (ran.back() == 13) throw std::runtime_error("boom");
-                              return plist::Array{ran.back()};
-                            }};
-  std::vector<std::int64_t> expected;
   for (std::int64_t value = 0; value < 40; ++value) {
-    if (value != 13) expected.push_back(value);
-    service.dispatch(entry, {value},
+    service.dispatch(echo, {value},
                      [&](plist::Array reply) { replied.push_back(*reply.at(0).get<std::int64_t>()); });
   }
+  EXPECT_EQ(handle(ipc::selectors::helperVersion), ipc::textReply("1.3"));
   std::promise<void> done;
   service.enqueue([&] { done.set_value(); });
+  EXPECT_TRUE(replied.empty());
+  release.set_value();
   done.get_future().wait();
-  EXPECT_EQ(ran.size(), 40u);
-  EXPECT_EQ(replied, expected);
-  EXPECT_EQ(logger_.lines, std::vector<std::string>{"record: failed: boom"});
+  EXPECT_EQ(replied.size(), 40u);
+  EXPECT_TRUE(std::is_sorted(replied.begin(), replied.end()));
+}
 
-  service.shutdown();
-  EXPECT_FALSE(service.enqueue([] {}));
-  service.dispatch(entry, {99}, [&](const plist::Array&) { ADD_FAILURE() << "replied after shutdown"; });
+// Options to run with, or an exit code and a text the message must hold.
+TEST(HelperOptionsTest, ParsesValidLinesAndExitsOnEverythingElse) {
+  const TemporaryDirectory temp;
+  writeRaw(temp.path() / "harborkeeper", "", fs::perms(0755));
+  fs::create_symlink(temp.path() / "harborkeeper", temp.path() / "link");
+  const std::string cli = fs::canonical(temp.path() / "harborkeeper").string();
+  HelperOptions all;
+  all.socketPath = "/s", all.stateDirectory = "/d", all.trustedClientsPath = "/t", all.fdesetupPath = "/a=b";
+  all.trustedExecutables = {cli, cli}, all.logDestination = LogDestination::journal;
+  const std::tuple<int, std::string, std::optional<HelperOptions>, std::vector<std::string>> cases[] = {
+      {0, "", HelperOptions{}, {}},
+      {0,
+       "",
+       all,
+       {"--socket", "/s", "--state-dir=/d", "--trusted-clients", "/t", "--tool", "fdesetup=/a=b",
+        "--trust-client", temp.path() / "link", "--trust-client", cli, "--log", "journal"}},
+      {0, "1.3\n", std::nullopt, {"--version"}},
+      {2, "'bin/fdesetup' is not an absolute path", std::nullopt, {"--tool", "fdesetup=bin/fdesetup"}},
+      {2, "unknown tool 'launchctl'", std::nullopt, {"--tool", "launchctl=/bin/true"}},
+      {2, "'fdesetup' is not NAME=PATH", std::nullopt, {"--tool", "fdesetup"}},
+      {2, "'helper.sock' is not an absolute path", std::nullopt, {"--socket", "helper.sock"}},
+      {2, "/nonexistent/x: No such file or directory", std::nullopt, {"--trust-client", "/nonexistent/x"}},
+  };
+  for (const auto& [exitCode, text, options, arguments] : cases) {
+    SCOPED_TRACE(testing::PrintToString(arguments));
+    std::vector<const char*> argv{"harborkeeper-helper"};
+    for (const std::string& argument : arguments) argv.push_back(argument.c_str());
+    std::ostringstream output;
+    std::ostringstream error;
+    const HelperOptionsOutcome outcome = parseHelperOptions(int(argv.size()), argv.data(), output, error);
+    EXPECT_EQ(std::pair(outcome.options, outcome.exitCode), std::pair(options, exitCode));
+    EXPECT_EQ(exitCode == 0 ? error.str() : output.str(), "");
+    const std::string message = exitCode == 0 ? output.str() : error.str();
+    EXPECT_TRUE(exitCode == 0
+                    ? message == text
+                    : message.starts_with("harborkeeper-helper: ") && message.find(text) != std::string::npos)
+        << message;
+  }
 }
 
 }  // namespace

@@ -4,15 +4,16 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
-#include <sys/un.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <algorithm>
 #include <functional>
 #include <optional>
 #include <string>
 #include <tuple>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -20,216 +21,188 @@
 #include "core/foundation/text.h"
 #include "core/platform/state_file_test_support.h"
 #include "core/platform/unique_fd.h"
+#include "helper/secure_path.h"
+#include "helper/socket_endpoint.h"
 
 namespace harborkeeper {
 namespace {
 
 using namespace testing_support;
 using Kind = PeerCheckError::Kind;
-using Clients = std::vector<TrustedClient>;
 using Dict = plist::Dictionary;
+using Refusal = std::pair<std::optional<Kind>, std::string>;
 
 const std::string kApp = "com.lumaq.Harborkeeper", kTeam = "K4T8QW17ZD";
 
 std::string xml(const plist::Value& value) { return toString(plist::encode(value, plist::Format::xml)); }
 
-// The kind and text of the refusal; nullopt and "" when `f` passes.
-template <class F>
-std::pair<std::optional<Kind>, std::string> refusal(F&& f) {
+// The kind and text of the E that `f` throws; nullopt and "" when it passes.
+template <class E = PeerCheckError, class F>
+std::pair<std::optional<typename E::Kind>, std::string> refusal(F&& f) {
   try {
     f();
-  } catch (const PeerCheckError& error) {
+  } catch (const E& error) {
     return {error.kind(), error.what()};
   }
   return {std::nullopt, ""};
 }
 
-TEST(TrustedClientRegistryTest, DecodesXmlAndBinaryAndOmitsAnAbsentTeam) {
-  const Clients clients = {{"/usr/bin/harborkeeper", {kApp, kTeam}}, {"/opt/b", {"other", std::nullopt}}};
-  const std::string literal =
-      "<?xml version=\"1.0\"?><plist version=\"1.0\"><array><dict><key>path</key><string>/usr/bin/"
-      "harborkeeper</string><key>identifier</key><string>com.lumaq.Harborkeeper</string><key>teamIdentifier"
-      "</key><string>K4T8QW17ZD</string></dict><dict><key>identifier</key><string>other</string><key>path"
-      "</key><string>/opt/b</string></dict></array></plist>";
-  const std::string encoded = encodeTrustedClientRegistry(clients);
-  EXPECT_EQ(encoded.find("teamIdentifier"), encoded.rfind("teamIdentifier"));
-  for (const std::string& document :
-       {literal, encoded, toString(plist::encode(plist::decode(literal), plist::Format::binary))}) {
-    EXPECT_EQ(decodeTrustedClientRegistry(document, "/r"), clients);
-  }
-}
-
-TEST(TrustedClientRegistryTest, RefusesEveryOtherShape) {
-  const std::string rows[] = {
-      "",
-      "not a property list",
-      xml(Dict{}),
-      xml("/usr/bin/harborkeeper"),
-      xml(plist::Array{"/usr/bin/harborkeeper"}),
-      xml(plist::Array{Dict{{"identifier", kApp}}}),
-      xml(plist::Array{Dict{{"path", 1}, {"identifier", kApp}}}),
-      xml(plist::Array{Dict{{"path", "bin/harborkeeper"}, {"identifier", kApp}}}),
-      xml(plist::Array{Dict{{"path", "/bin/x"}}}),
-      xml(plist::Array{Dict{{"path", "/bin/x"}, {"identifier", kApp}, {"teamIdentifier", true}}}),
-      xml(plist::Array{Dict{{"path", "/bin/x"}, {"identifier", kApp}, {"teamIdentifer", kTeam}}}),
-  };
-  for (const std::string& row : rows) {
-    SCOPED_TRACE(row);
-    EXPECT_EQ(refusal([&] { decodeTrustedClientRegistry(row, "/r.plist"); }),
-              std::pair(std::optional(Kind::registryInvalid),
-                        std::string("The trusted-client registry /r.plist is not a valid list of clients.")));
-  }
-}
-
-TEST(TrustedClientRegistryTest, LoadsOnlyASafeFileOfAtMostOneMebibyte) {
+// Each file holds its own relative name, so an opened one shows which file it is.
+TEST(OpenSecurelyTest, OpensOnlyThroughSafeDirectoriesAndRefusesEveryUnsafeStep) {
+  using PathKind = SecurePathError::Kind;
+  const long descriptorsBefore = entryCount();
   const TemporaryDirectory temp;
-  const std::string path = (temp.path() / "clients.plist").string();
-  const std::string prefix = "The trusted-client registry ";
-  const std::string good = encodeTrustedClientRegistry({{"/bin/x", {kApp, kTeam}}});
-  const std::string padded = good + std::string(std::size_t{1} << 20, ' ');
-  ASSERT_EQ(decodeTrustedClientRegistry(padded, path).size(), 1u);
-  const std::tuple<std::optional<std::string>, unsigned, std::optional<Kind>, std::string> cases[] = {
-      {good, 0644, std::nullopt, ""},
-      {std::nullopt, 0644, Kind::registryMissing, prefix + path + " does not exist."},
-      {good, 0664, Kind::registryInsecure,
-       prefix + path + " is not safe: " + path + " is writable by group or others."},
-      {padded, 0644, Kind::registryInvalid, prefix + path + " is not a valid list of clients."},
-  };
-  for (const auto& [content, mode, kind, message] : cases) {
-    SCOPED_TRACE(message);
-    fs::remove(path);
-    if (content) writeRaw(path, *content, fs::perms(mode));
-    EXPECT_EQ(refusal([&] { EXPECT_EQ(loadTrustedClientRegistry(path, ::getuid()).size(), 1u); }),
-              std::pair(kind, message));
+  const std::string top = temp.path().string();
+  const std::string file = top + "/dir/file";
+  using Entry = std::pair<std::string, int>;  // a directory's name ends in "/"
+  for (const auto& [name, mode] :
+       {Entry("dir/", 0755), Entry("dir/sub/", 0755), Entry("open/", 0777), Entry("sticky/", 01777),
+        Entry("foreign/", 01777), Entry("dir/file", 0644), Entry("dir/shared", 0664),
+        Entry("open/file", 0644), Entry("sticky/file", 0644), Entry("foreign/file", 0644)}) {
+    name.ends_with('/') ? (void)fs::create_directory(temp.path() / name) : writeRaw(temp.path() / name, name);
+    fs::permissions(temp.path() / name, fs::perms(mode));
   }
+  fs::create_symlink("file", temp.path() / "dir/link");
+  fs::create_symlink("dir", temp.path() / "linked");
+  const uid_t me = ::getuid();
+  // Only root can give a directory away.
+  ASSERT_TRUE(me != 0 || ::chown((temp.path() / "foreign").c_str(), 1, 1) == 0);
+  // Root-owned directories are trusted whatever the expected owner.
+  const std::string notOther = (me == 0 ? file + " is not owned by" : top + " is not owned by root or") +
+                               " uid " + std::to_string(me + 1) + ".";
+  const std::tuple<std::string, uid_t, std::optional<PathKind>, std::string> cases[] = {
+      {file, me, std::nullopt, "dir/file"},
+      {top + "//sticky/file", me, std::nullopt, "sticky/file"},
+      {top + "/dir/shared", me, PathKind::insecure, top + "/dir/shared is writable by group or others."},
+      {top + "/open/file", me, PathKind::insecure, top + "/open is writable by group or others."},
+      {top + "/foreign/file", me, PathKind::insecure, top + "/foreign is not owned by root."},
+      {file, me + 1, PathKind::insecure, notOther},
+      {top + "/dir/link", me, PathKind::link, top + "/dir/link is a symbolic link."},
+      {top + "/linked/file", me, PathKind::link, top + "/linked is a symbolic link."},
+      {top + "/dir/none", me, PathKind::missing, top + "/dir/none does not exist."},
+      {top + "/dir/sub", me, PathKind::insecure, top + "/dir/sub is not a regular file."},
+      {"tmp/file", me, PathKind::notAbsolute, "tmp/file is not an absolute path."},
+      {top + "/dir/../dir/file", me, PathKind::notAbsolute,
+       top + R"(/dir/../dir/file contains a "." or ".." component.)"},
+  };
+  for (const auto& [path, owner, kind, message] : cases) {
+    SCOPED_TRACE(path + " for uid " + std::to_string(owner));
+    if (me != 0 && path.ends_with("foreign/file")) continue;
+    struct stat status {};
+    std::string content(64, '\0');
+    // Bindings are passed by name: clang 14 cannot capture them.
+    EXPECT_EQ(refusal<SecurePathError>([&, &path = path, owner = owner] {
+                const UniqueFd fd = openSecurely(path, owner, &status);
+                content.resize(std::size_t(std::max<ssize_t>(0, ::read(fd.get(), content.data(), 64))));
+              }),
+              std::pair(kind, kind ? message : ""));
+    EXPECT_TRUE(kind ||
+                (content == message && S_ISREG(status.st_mode) && status.st_size == off_t(content.size())));
+  }
+  EXPECT_EQ(entryCount(), descriptorsBefore);
 }
 
-class FakeInspector final : public PeerInspector {
- public:
+struct FakeInspector final : PeerInspector {
   PeerExecutable inspect(int) const override { return {42, "/opt/cli"}; }
 };
 
-TEST(PeerVerifierTest, AdmitsRunTrustedThenRegistryEntriesWithTheAppIdentity) {
+// The verifier outlives the rows, so each check reads the registry afresh.
+TEST(PeerVerifierTest, AdmitsRunTrustedThenClientsListedInASafeValidRegistryWithTheAppIdentity) {
   const TemporaryDirectory temp;
-  const std::string registry = (temp.path() / "clients.plist").string();
-  const std::string listedOther =
-      "/opt/cli (pid 42) is not trusted with the identity " + kApp + " of team " + kTeam + ".";
-  const std::tuple<const char*, std::optional<Clients>, Clients, std::optional<Kind>, std::string> cases[] = {
-      {"run-trusted, no registry", std::nullopt, {PeerVerifier::trustedAsApp("/opt/cli")}, std::nullopt, ""},
-      {"listed", Clients{{"/opt/cli", {kApp, kTeam}}}, {}, std::nullopt, ""},
-      {"not listed",
-       Clients{{"/opt/cli2", {kApp, kTeam}}},
-       {PeerVerifier::trustedAsApp("/opt")},
-       Kind::notTrusted,
-       "/opt/cli (pid 42) is not a trusted client."},
-      {"registry missing",
-       std::nullopt,
-       {PeerVerifier::trustedAsApp("/opt/other")},
-       Kind::registryMissing,
-       "The trusted-client registry " + registry + " does not exist."},
-      {"listed without team", Clients{{"/opt/cli", {kApp, std::nullopt}}}, {}, Kind::notTrusted, listedOther},
-      {"listed as another app",
-       Clients{{"/opt/cli", {kApp + ".Other", kTeam}}},
-       {},
-       Kind::notTrusted,
-       listedOther},
+  const std::string path = (temp.path() / "clients.plist").string();
+  const std::string registry = "The trusted-client registry " + path;
+  const PeerVerifier runTrusted(path, {PeerVerifier::trustedAsApp("/opt/cli")},
+                                std::make_unique<FakeInspector>());
+  EXPECT_EQ(runTrusted.verify(-1).path, "/opt/cli");  // no registry needed
+  const PeerVerifier verifier(path, {PeerVerifier::trustedAsApp("/opt")}, std::make_unique<FakeInspector>(),
+                              ::getuid());
+  const auto one = [&](const Dict& client) { return xml(plist::Array{client}); };
+  const auto listing = [](const std::string& exe, const std::string& app, std::optional<std::string> team) {
+    return encodeTrustedClientRegistry({{exe, {app, std::move(team)}}});
   };
-  for (const auto& [name, clients, runTrusted, kind, message] : cases) {
-    SCOPED_TRACE(name);
-    fs::remove(registry);
-    if (clients) writeRaw(registry, encodeTrustedClientRegistry(*clients), fs::perms(0644));
-    const PeerVerifier verifier(registry, runTrusted, std::make_unique<FakeInspector>(), ::getuid());
-    EXPECT_EQ(refusal([&] { EXPECT_EQ(verifier.verify(-1).path, "/opt/cli"); }), std::pair(kind, message));
+  const plist::Value document =
+      plist::Array{Dict{{"path", "/opt/b"}, {"identifier", "other"}},
+                   Dict{{"path", "/opt/cli"}, {"identifier", kApp}, {"teamIdentifier", kTeam}}};
+  const Refusal invalid(Kind::registryInvalid, registry + " is not a valid list of clients.");
+  const Refusal otherIdentity(Kind::notTrusted, "/opt/cli (pid 42) is not trusted with the identity " + kApp +
+                                                    " of team " + kTeam + ".");
+  const std::pair<Refusal, std::optional<std::string>> rows[] = {
+      {{Kind::registryMissing, registry + " does not exist."}, std::nullopt},
+      {{}, xml(document)},
+      {{}, toString(plist::encode(document, plist::Format::binary))},
+      {{}, listing("/opt/cli", kApp, kTeam)},
+      {{Kind::notTrusted, "/opt/cli (pid 42) is not a trusted client."}, listing("/opt/cli2", kApp, kTeam)},
+      {otherIdentity, listing("/opt/cli", kApp, std::nullopt)},
+      {otherIdentity, listing("/opt/cli", kApp + ".x", kTeam)},
+      {invalid, xml(document) + std::string(1 << 20, ' ')},
+      {invalid, "not a property list"},
+      {invalid, xml(Dict{})},
+      {invalid, xml(plist::Array{"/opt/cli"})},
+      {invalid, one({{"identifier", kApp}})},
+      {invalid, one({{"path", 1}, {"identifier", kApp}})},
+      {invalid, one({{"path", "opt/cli"}, {"identifier", kApp}})},
+      {invalid, one({{"path", "/opt/cli"}})},
+      {invalid, one({{"path", "/opt/cli"}, {"identifier", kApp}, {"teamIdentifier", true}})},
+  };
+  for (const auto& [expected, content] : rows) {
+    SCOPED_TRACE(content.value_or("no registry").substr(0, 300));
+    fs::remove(path);
+    if (content) writeRaw(path, *content, fs::perms(0644));
+    EXPECT_EQ(refusal([&] { EXPECT_EQ(verifier.verify(-1).path, "/opt/cli"); }), expected);
   }
-  // Every check reads the registry again, and refuses an unsafe one.
-  const PeerVerifier verifier(registry, {}, std::make_unique<FakeInspector>(), ::getuid());
-  writeRaw(registry, encodeTrustedClientRegistry({{"/opt/cli", {kApp, kTeam}}}), fs::perms(0644));
-  EXPECT_NO_THROW(verifier.verify(-1));
-  fs::permissions(registry, fs::perms(0666));
-  EXPECT_EQ(refusal([&] { verifier.verify(-1); }).first, Kind::registryInsecure);
+  writeRaw(path, xml(document), fs::perms(0664));
+  EXPECT_EQ(refusal([&] { verifier.verify(-1); }),
+            Refusal(Kind::registryInsecure,
+                    registry + " is not safe: " + path + " is writable by group or others."));
 }
 
-// A probe process and our end of its connection; reaped at the latest when it goes.
-struct Peer {
-  pid_t pid = -1;
-  UniqueFd connection;
-  void reap() {
-    if (pid > 0) ::kill(pid, SIGKILL), ::waitpid(pid, nullptr, 0);
-    pid = -1;
-  }
-  ~Peer() { reap(); }
-};
-
-struct ProcPeerInspectorTest : testing::Test {
-  void SetUp() override {
-    fs::create_directory(exe_.parent_path());
-    fs::permissions(exe_.parent_path(), fs::perms(0755));
-    fs::copy_file(HARBORKEEPER_PEER_PROBE, exe_);
-    fs::permissions(exe_, fs::perms(0755));
-    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-    std::strncpy(address.sun_path, socket_.c_str(), sizeof address.sun_path - 1);
-    ASSERT_EQ(::bind(listener_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(::listen(listener_.get(), 1), 0);
-  }
-  void TearDown() override { EXPECT_EQ(entryCount(), descriptorsBefore_); }
-
-  void connect(Peer& peer) const {
-    const std::string program = exe_.string();
-    const std::string socket = socket_.string();
-    char* argv[] = {const_cast<char*>(program.c_str()), const_cast<char*>(socket.c_str()), nullptr};
-    ASSERT_EQ(::posix_spawn(&peer.pid, argv[0], nullptr, nullptr, argv, environ), 0);
-    pollfd pending{listener_.get(), POLLIN, 0};
-    ASSERT_EQ(::poll(&pending, 1, 10'000), 1) << "the probe did not connect";
-    peer.connection.reset(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    ASSERT_TRUE(peer.connection);
-  }
-
-  const TemporaryDirectory temp_;
-  const fs::path exe_ = temp_.path() / "bin" / "probe", socket_ = temp_.path() / "socket";
-  const UniqueFd listener_{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-  const long descriptorsBefore_ = entryCount();
-};
-
-TEST_F(ProcPeerInspectorTest, AdmitsOnlyALiveProcessRunningItsSafeExecutable) {
-  const std::string exe = exe_.string();
-  const std::string gone = ", was deleted or replaced since it was started.";
-  const auto replace = [&] {
-    fs::copy_file(HARBORKEEPER_PEER_PROBE, exe + ".new");
-    fs::rename(exe + ".new", exe);
-  };
-  // The spoiling step gets the peer; %d in the expected text stands for its pid.
-  const std::tuple<const char*, std::function<void(Peer&)>, std::optional<Kind>, std::string> cases[] = {
-      {"running", [](Peer&) {}, std::nullopt, ""},
+// Each row starts a probe that connects to us, spoils it, then inspects it.
+TEST(ProcPeerInspectorTest, AdmitsOnlyALiveProcessRunningItsSafeExecutable) {
+  const TemporaryDirectory temp;
+  const std::string exe = (temp.path() / "probe").string();
+  const std::string socket = (temp.path() / "socket").string();
+  const UniqueFd listener = openListeningSocket(socket);
+  const long descriptorsBefore = entryCount();
+  const std::string ofExe = "The executable of process %d, " + exe;
+  const std::string gone = ofExe + " (deleted), was deleted or replaced since it was started.";
+  // A spoiling step that reaps the probe sets its pid to -1; %d in the text stands for the pid.
+  const std::tuple<const char*, std::function<void(pid_t&)>, Refusal> cases[] = {
+      {"running", [](pid_t&) {}, Refusal()},
       {"exited, not reaped",
-       [](Peer& peer) {
-         siginfo_t info{};
-         ::kill(peer.pid, SIGKILL), ::waitid(P_PID, peer.pid, &info, WEXITED | WNOWAIT);
-       },
-       Kind::peerUnknown, "Process %d has exited."},
-      {"exited and reaped", [](Peer& peer) { peer.reap(); }, Kind::peerUnknown, "Process %d has exited."},
-      {"deleted", [&](Peer&) { fs::remove(exe); }, Kind::executableGone,
-       "The executable of process %d, " + exe + " (deleted)" + gone},
-      {"replaced", [&](Peer&) { replace(); }, Kind::executableGone,
-       "The executable of process %d, " + exe + " (deleted)" + gone},
-      {"group-writable", [&](Peer&) { fs::permissions(exe, fs::perms(0775)); }, Kind::executableInsecure,
-       "The executable of process %d, " + exe + ", is not safe: " + exe + " is writable by group or others."},
+       [](pid_t& pid) { ::kill(pid, SIGKILL), ::waitid(P_PID, pid, nullptr, WEXITED | WNOWAIT); },
+       Refusal(Kind::peerUnknown, "Process %d has exited.")},
+      {"exited and reaped",
+       [](pid_t& pid) { ::kill(pid, SIGKILL), ::waitpid(std::exchange(pid, -1), nullptr, 0); },
+       Refusal(Kind::peerUnknown, "Process %d has exited.")},
+      {"deleted", [&](pid_t&) { fs::remove(exe); }, Refusal(Kind::executableGone, gone)},
+      {"replaced", [&](pid_t&) { fs::copy_file(exe, exe + ".new"), fs::rename(exe + ".new", exe); },
+       Refusal(Kind::executableGone, gone)},
+      {"group-writable", [&](pid_t&) { fs::permissions(exe, fs::perms(0775)); },
+       Refusal(Kind::executableInsecure,
+               ofExe + ", is not safe: " + exe + " is writable by group or others.")},
   };
   const auto inspector = makeProcPeerInspector(::getuid());
-  for (const auto& [name, spoil, kind, message] : cases) {
+  for (const auto& [name, spoil, expected] : cases) {
     SCOPED_TRACE(name);
     if (!fs::exists(exe)) fs::copy_file(HARBORKEEPER_PEER_PROBE, exe);
     fs::permissions(exe, fs::perms(0755));
-    Peer peer;
-    ASSERT_NO_FATAL_FAILURE(connect(peer));
-    const pid_t pid = peer.pid;
-    spoil(peer);
-    const auto [refusedAs, text] = refusal([&] {
-      const PeerExecutable admitted = inspector->inspect(peer.connection.get());
-      EXPECT_TRUE(admitted.pid == pid && admitted.path == fs::canonical(exe_).string());
+    const char* argv[] = {exe.c_str(), socket.c_str(), nullptr};
+    pid_t pid = -1;
+    ASSERT_EQ(::posix_spawn(&pid, argv[0], nullptr, nullptr, const_cast<char**>(argv), environ), 0);
+    pollfd pending{listener.get(), POLLIN, 0};
+    const UniqueFd connection(
+        ::poll(&pending, 1, 10'000) == 1 ? ::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC) : -1);
+    const pid_t started = pid;
+    spoil(pid);
+    const Refusal refused = refusal([&] {
+      const PeerExecutable admitted = inspector->inspect(connection.get());
+      EXPECT_TRUE(admitted.pid == started && admitted.path == fs::canonical(exe).string());
     });
-    EXPECT_EQ(refusedAs, kind);
-    EXPECT_EQ(text, text::replacingOccurrences(message, "%d", std::to_string(pid)));
+    EXPECT_EQ(refused, Refusal(expected.first,
+                               text::replacingOccurrences(expected.second, "%d", std::to_string(started))));
+    if (pid > 0) ::kill(pid, SIGKILL), ::waitpid(pid, nullptr, 0);
   }
+  EXPECT_EQ(entryCount(), descriptorsBefore);
 }
 
 }  // namespace
