@@ -8,77 +8,57 @@ namespace harborkeeper::cli {
 namespace {
 
 using namespace std::chrono;
-using Mode = HelperProtectionMode;
 
-const Date kBoot = Date(sys_days(2026y / 11 / 15) + 8h);
-const FileVaultUserList kTwoUsers{{{"alice", "A1B2-C3"}, {"bob", std::nullopt}}, std::nullopt};
-// The raw reason is a tool's own text and must never be shown.
-const FileVaultUserList kUnavailable{{}, "fdesetup: internal error 42"};
-constexpr std::string_view kGenericDetail = "Harborkeeper could not list FileVault-enabled users.";
-
-TEST(UsersReportTest, Lines) {
-  const std::pair<FileVaultUserList, Report> cases[] = {
-      {kTwoUsers, {"alice A1B2-C3\nbob\n", "", ExitStatus::success}},
-      {{}, {"", "No FileVault-enabled users are reported.", ExitStatus::success}},
-      {kUnavailable, {"", std::string(kGenericDetail), ExitStatus::failure}},
+// Text and JSON of every kind of list; JSON keeps its coding keys even when unavailable.
+TEST(UsersReportTest, TextAndJson) {
+  const std::string generic = "Harborkeeper could not list FileVault-enabled users.";
+  const std::string helperRequired(FileVaultUserList::helperRequiredReason);
+  const json::Json none = json::Json::array();
+  const std::tuple<FileVaultUserList, Report, json::Json> cases[] = {
+      {{{{"alice", "A1B2-C3"}, {"bob", std::nullopt}}, std::nullopt},
+       {"alice A1B2-C3\nbob\n", "", ExitStatus::success},
+       {{"users", {{{"displayName", "alice"}, {"uuid", "A1B2-C3"}}, {{"displayName", "bob"}}}}}},
+      {{}, {"", "No FileVault-enabled users are reported.", ExitStatus::success}, {{"users", none}}},
+      // The raw reason is a tool's own text: shown in JSON, never as the message.
+      {{{}, "fdesetup: internal error 42"},
+       {"", generic, ExitStatus::failure},
+       {{"users", none}, {"unavailableReason", "fdesetup: internal error 42"}}},
       {FileVaultUserList::requiresHelper(),
-       {"", std::string(FileVaultUserList::helperRequiredReason), ExitStatus::failure}},
+       {"", helperRequired, ExitStatus::failure},
+       {{"users", none}, {"unavailableReason", helperRequired}}},
   };
-  for (const auto& [list, expected] : cases) {
+  for (const auto& [list, expected, expectedJson] : cases) {
     SCOPED_TRACE(list.displayName());
     EXPECT_EQ(usersReport(list, false), expected);
+    const Report asJson = usersReport(list, true);
+    EXPECT_EQ(json::parse(asJson.output), expectedJson);
+    EXPECT_TRUE(asJson.output.ends_with("}\n"));
+    EXPECT_EQ(asJson.message, expected.status == ExitStatus::success ? "" : expected.message);  // no notice
+    EXPECT_EQ(asJson.status, expected.status);
   }
 }
 
-TEST(UsersReportTest, JsonKeepsTheCodingKeysEvenWhenUnavailable) {
-  const std::tuple<FileVaultUserList, json::Json, Report> cases[] = {
-      {kTwoUsers,
-       {{"users", {{{"displayName", "alice"}, {"uuid", "A1B2-C3"}}, {{"displayName", "bob"}}}}},
-       {{}, "", ExitStatus::success}},
-      {{}, {{"users", json::Json::array()}}, {{}, "", ExitStatus::success}},
-      {kUnavailable,
-       {{"users", json::Json::array()}, {"unavailableReason", "fdesetup: internal error 42"}},
-       {{}, std::string(kGenericDetail), ExitStatus::failure}},
-  };
-  for (const auto& [list, expectedJson, expected] : cases) {
-    SCOPED_TRACE(list.displayName());
-    const Report report = usersReport(list, true);
-    EXPECT_EQ(json::parse(report.output), expectedJson);
-    EXPECT_EQ(report.output.back(), '\n');
-    EXPECT_EQ(report.message, expected.message);
-    EXPECT_EQ(report.status, expected.status);
-  }
-}
-
-TEST(StatusReportTest, Lines) {
-  const std::pair<HelperProtectionStatus, std::string> cases[] = {
-      {{Mode::nextRestart, true, kBoot + 1h, "Armed."},
-       "Protected for the next restart\nArmed.\nAttempted at 2026-11-15T09:00:00Z (next restart)\n"},
-      {{Mode::persistent, true, kBoot + 1h + 500ms, "Armed."},
-       "Protected for future restarts\nArmed.\nAttempted at 2026-11-15T09:00:00Z (persistent)\n"},
-      {{Mode::persistent, false, kBoot + 1h, "Wrong password."},
-       "Needs password update\nWrong password.\nAttempted at 2026-11-15T09:00:00Z (persistent)\n"},
-      {{Mode::nextRestart, false, kBoot - 1h, "fdesetup failed."},
-       "Protection failed\nfdesetup failed.\nAttempted at 2026-11-15T07:00:00Z (next restart)\n"},
+TEST(StatusReportTest, HeadlineForTheCurrentBootThenMessageAndAttempt) {
+  using enum HelperProtectionMode;
+  const Date boot = Date(sys_days(2026y / 11 / 15) + 8h);
+  // {record, headline, when and in which mode it was attempted}
+  const std::tuple<HelperProtectionStatus, std::string, std::string> cases[] = {
+      {{nextRestart, true, boot + 1h, "m"}, "Protected for the next restart", "09:00:00Z (next restart)"},
+      {{persistent, true, boot + 1h + 500ms, "m"}, "Protected for future restarts", "09:00:00Z (persistent)"},
+      {{persistent, false, boot + 1h, "m"}, "Needs password update", "09:00:00Z (persistent)"},
+      {{nextRestart, false, boot - 1h, "m"}, "Protection failed", "07:00:00Z (next restart)"},
       // Armed before this boot: the restart it was for has happened.
-      {{Mode::nextRestart, true, kBoot - 1s, "Armed."},
-       "Protection expired\nArmed.\nAttempted at 2026-11-15T07:59:59Z (next restart)\n"},
+      {{nextRestart, true, boot - 1s, "m"}, "Protection expired", "07:59:59Z (next restart)"},
   };
-  for (const auto& [status, lines] : cases) {
-    SCOPED_TRACE(lines);
-    EXPECT_EQ(statusReport(status, kBoot, false), (Report{lines, "", ExitStatus::success}));
+  for (const auto& [status, headline, attempt] : cases) {
+    SCOPED_TRACE(headline);
+    const std::string lines = std::string(headline).append("\nm\nAttempted at 2026-11-15T").append(attempt);
+    EXPECT_EQ(statusReport(status, boot, false), (Report{lines + '\n', "", ExitStatus::success}));
   }
-}
-
-TEST(StatusReportTest, Json) {
-  const Report report = statusReport({Mode::persistent, false, kBoot + 2h, "Wrong password."}, kBoot, true);
-  const json::Json expected = {{"mode", "persistent"},
-                               {"succeeded", false},
-                               {"armedAt", "2026-11-15T10:00:00Z"},
-                               {"message", "Wrong password."},
-                               {"protectionState", "Needs password update"}};
-  EXPECT_EQ(json::parse(report.output), expected);
-  EXPECT_EQ(report.status, ExitStatus::success);
+  const Report asJson = statusReport({persistent, false, boot + 2h, "Wrong password."}, boot, true);
+  EXPECT_EQ(json::parse(asJson.output), json::parse(R"({"mode": "persistent", "succeeded": false,
+      "armedAt": "2026-11-15T10:00:00Z", "message": "Wrong password.", "protectionState": "Needs password update"})"));
+  EXPECT_EQ(asJson.status, ExitStatus::success);
 }
 
 }  // namespace

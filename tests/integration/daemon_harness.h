@@ -1,102 +1,163 @@
 #pragma once
 
-// Starts the built harborkeeper-helper on a socket of its own, in a fresh
-// root-only directory under /tmp, with stand-in tools and a trusted-client
-// registry that lists the built CLI. Test code only; needs root.
+// The built harborkeeper-helper on a socket of its own, in a fresh root-only
+// directory, with a stand-in fdesetup and a trusted-client registry that lists
+// the built CLI. Test code only; needs root.
 
-#include <sys/types.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
-#include <string_view>
+#include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "core/foundation/plist.h"
 #include "core/ipc/helper_client.h"
 #include "core/platform/command_runner.h"
-#include "core/platform/unique_fd.h"
+#include "core/platform/state_file_test_support.h"
+#include "core/protection/helper_constants.h"
 
 namespace harborkeeper::testing_support {
 
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-struct DaemonOptions {
-  // A file of the tools directory, run by the daemon as `fdesetup`.
-  std::string fdesetup = "fdesetup_lists_two_users.sh";
-};
+// Polls `condition` every 10 ms until it holds or `limit` passes.
+inline bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = 5s) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!condition() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(10ms);
+  return condition();
+}
 
-class DaemonHarness final {
+// Copies `from` to `to` (its directory made 0700) with `mode`; the copy's canonical path.
+inline std::string copyExecutable(const fs::path& from, const fs::path& to, fs::perms mode) {
+  fs::create_directories(to.parent_path());
+  fs::permissions(to.parent_path(), fs::perms(0700));
+  fs::copy_file(from, to);
+  fs::permissions(to, mode);
+  return fs::canonical(to).string();
+}
+
+// Exit code, standard output, standard error.
+using CliOutcome = std::tuple<int, std::string, std::string>;
+
+inline std::string builtCli() { return fs::canonical(HARBORKEEPER_CLI_BIN).string(); }
+
+class Daemon final {
  public:
-  // Lays out the directory: socket, state/, tools/fdesetup, the registry.
-  explicit DaemonHarness(const DaemonOptions& options = {});
-  ~DaemonHarness();  // kills a daemon still running, removes the directory
-  DaemonHarness(const DaemonHarness&) = delete;
-  DaemonHarness& operator=(const DaemonHarness&) = delete;
+  // Runs `fdesetup`, a file of the tools directory, as fdesetup. The registry lists the built CLI
+  // and `extraClients`; this test program is trusted besides. Returns once the socket accepts.
+  explicit Daemon(const std::string& fdesetup = "fdesetup_lists_two_users.sh",
+                  std::vector<std::string> extraClients = {}) {
+    const std::string tool = copyExecutable(fs::path(HARBORKEEPER_TEST_TOOLS_DIR) / fdesetup,
+                                            dir / "tools/fdesetup", fs::perms(0755));
+    fs::create_directory(dir / "state");
+    fs::permissions(dir / "state", fs::perms(0700));  // whatever the umask
+    plist::Array registry;
+    extraClients.push_back(builtCli());
+    for (const std::string& path : extraClients) {
+      registry.push_back(
+          plist::Dictionary{{"path", path},
+                            {"identifier", std::string(HelperConstants::appBundleIdentifier)},
+                            {"teamIdentifier", std::string(HelperConstants::developerTeamIdentifier)}});
+    }
+    writeRaw(dir / "registry.plist", toString(plist::encode(registry, plist::Format::xml)), fs::perms(0644));
+    // A variable of our own in its environment, which the stand-in fdesetup must not see.
+    ::setenv("HARBORKEEPER_TEST_MARKER", "not-for-tools", 1);
+    std::vector<std::string> arguments({HARBORKEEPER_HELPER_BIN, "--socket", socket(), "--state-dir",
+                                        dir / "state", "--trusted-clients", dir / "registry.plist", "--tool",
+                                        "fdesetup=" + tool, "--tool", "pmset=/bin/true", "--trust-client",
+                                        fs::canonical("/proc/self/exe"), "--log", "stderr"});
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;  // standard output and error to the log
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, (dir / "daemon.log").c_str(), O_WRONLY | O_CREAT, 0600);
+    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    EXPECT_EQ(::posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    // Ready once it says so, without a probe connection that would count against its limit.
+    if (!eventually([&] { return log().find(" started on ") != std::string::npos; }, 10s))
+      ADD_FAILURE() << "not ready:\n" << log();
+  }
+  ~Daemon() { stop(SIGKILL); }
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
 
-  // Returns once the socket accepts; throws std::runtime_error carrying the
-  // daemon's log if it exits or is not ready within 10 s.
-  void start();
-  // Sends `signal` and returns the wait status; throws if it lasts over 10 s.
-  int signalAndWait(int signal);
+  // Sends `signal` and waits for the daemon to exit; its wait status.
+  int stop(int signal) {
+    int status = -1;
+    if (pid_ > 0 && ::kill(pid_, signal) == 0 && ::waitpid(pid_, &status, 0) == pid_) pid_ = -1;
+    return status;
+  }
 
-  [[nodiscard]] const fs::path& directory() const { return directory_; }
-  [[nodiscard]] std::string socketPath() const { return (directory_ / "helper.sock").string(); }
-  [[nodiscard]] std::string stateDirectory() const { return (directory_ / "state").string(); }
-  // Rewrites the registry with the built CLI and `extraClients`; the daemon
-  // re-reads it on every connection.
-  void registerClients(const std::vector<std::string>& extraClients) const;
+  // Runs the CLI with --socket and `arguments`.
+  CliOutcome cli(std::vector<std::string> arguments, const std::string& executable = builtCli()) const {
+    arguments.insert(arguments.begin(), {"--socket", socket()});
+    const CommandResult result = CommandRunner(30).run(executable, arguments);
+    return {result.exitCode, result.standardOutput, result.standardError};
+  }
 
-  [[nodiscard]] std::string log() const;
-  // How many lines of the log contain `text`.
-  [[nodiscard]] std::size_t logLines(std::string_view text) const;
-  // One line per run of the stand-in fdesetup: its arguments.
-  [[nodiscard]] std::string toolInvocations() const;
+  // Sends `bytes` on a new connection (then closes its writing side if asked) and reads until the
+  // daemon closes it: what came back, or nothing if the connection is still open after `limit`.
+  std::optional<std::string> sendRaw(std::string_view bytes, std::chrono::seconds limit,
+                                     bool thenCloseWriting = false) const {
+    const UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    socket().copy(address.sun_path, sizeof(address.sun_path) - 1);
+    EXPECT_EQ(::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    (void)::send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);  // the daemon may close first
+    if (thenCloseWriting) ::shutdown(fd.get(), SHUT_WR);
+    const timeval timeout{limit.count(), 0};
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+    std::string received;
+    char buffer[4096];
+    ssize_t got = 0;
+    while ((got = ::recv(fd.get(), buffer, sizeof(buffer), 0)) > 0) received.append(buffer, std::size_t(got));
+    if (got < 0 && (errno == EAGAIN || errno == EINTR)) return std::nullopt;
+    return received;
+  }
 
-  // Runs the CLI (the built one unless named) with --socket and `arguments`.
-  [[nodiscard]] CommandResult cli(const std::vector<std::string>& arguments,
-                                  const std::string& executable = builtCli()) const;
-  [[nodiscard]] UniqueFd connectRaw() const;
-  [[nodiscard]] std::unique_ptr<ipc::HelperClient> client() const;
+  std::unique_ptr<ipc::HelperClient> client() const { return ipc::HelperClient::connect(socket()); }
 
-  static std::string builtCli();  // canonical path
+  [[nodiscard]] std::string socket() const { return dir / "helper.sock"; }
+  [[nodiscard]] std::string log() const { return contentOf(dir / "daemon.log"); }
+  [[nodiscard]] std::size_t logLines(std::string_view text) const {
+    std::istringstream lines(log());
+    std::size_t count = 0;
+    for (std::string line; std::getline(lines, line);) count += line.find(text) != std::string::npos;
+    return count;
+  }
+  // The arguments of each run of the stand-in fdesetup, one line per run.
+  [[nodiscard]] std::string toolRuns() const { return contentOf(dir / "tools/invocations.log"); }
+
+  const TemporaryDirectory directory;  // 0700 under /tmp (sticky): safe for the peer check
+  const fs::path dir = directory.path();
 
  private:
-  fs::path directory_;
   pid_t pid_ = -1;
 };
 
-// Every integration test of the daemon: skipped unless root.
+// Every test of the daemon: skipped unless root.
 class DaemonTest : public ::testing::Test {
  protected:
-  void SetUp() override;
-  DaemonHarness& startDaemon(const DaemonOptions& options = {});
-
-  std::optional<DaemonHarness> daemon_;
+  void SetUp() override {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root: the daemon serves only root-owned clients";
+  }
 };
-
-// Writes all of `bytes` (no SIGPIPE); false when the peer is gone.
-bool sendAll(int fd, std::string_view bytes);
-
-// What arrived on a connection until the peer closed it (EOF or reset), or
-// until `limit` passed with the connection still open.
-struct Closure {
-  bool closed = false;
-  std::string received;
-  std::chrono::steady_clock::duration after{};
-};
-Closure waitForClose(int fd, std::chrono::milliseconds limit);
-
-// Polls `condition` every 10 ms until it holds or `limit` passes.
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = 5s);
-
-// Copies `from` into `directory` (created 0700) as `name` with `mode`; the canonical path.
-std::string copyExecutable(const fs::path& from, const fs::path& directory, const std::string& name,
-                           fs::perms mode);
 
 }  // namespace harborkeeper::testing_support

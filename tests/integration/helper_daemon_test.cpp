@@ -1,13 +1,14 @@
-// The real daemon on its socket, driven by the real CLI.
-#include <signal.h>
-#include <sys/wait.h>
-
-#include <fstream>
+// The real daemon on its socket, driven by the real CLI and by hostile peers.
+// Only an offending connection closes, without a reply, and the log names why
+// but never repeats what the peer sent.
+#include <atomic>
+#include <future>
+#include <latch>
 
 #include <gtest/gtest.h>
 
 #include "core/foundation/json.h"
-#include "core/platform/boot_time.h"
+#include "core/ipc/helper_protocol.h"
 #include "core/protection/protection_status_store.h"
 
 #include "tests/integration/daemon_harness.h"
@@ -16,129 +17,175 @@ namespace harborkeeper {
 namespace {
 
 using namespace testing_support;
+using ipc::selectors::helperVersion;
 
-constexpr char kAliceUuid[] = "5B6C1E8A-0F5E-4E2B-9C1D-3A2B1C0D9E8F";
+const json::Json kTwoUsers = json::parse(
+    R"({"users": [{"displayName": "alice", "uuid": "5B6C1E8A-0F5E-4E2B-9C1D-3A2B1C0D9E8F"}, {"displayName": "bob"}]})");
 
-// The CLI's failure line on standard error: its name, then the message.
-std::string failureLine(std::string_view message) { return "harborkeeper: " + std::string(message); }
-
-// What every run of the CLI is compared by.
-struct CliOutcome {
-  std::int32_t exitCode;
-  std::string standardOutput;
-  std::string standardError;
-  bool operator==(const CliOutcome&) const = default;
-};
-
-void PrintTo(const CliOutcome& outcome, std::ostream* out) {
-  *out << "exit " << outcome.exitCode << ", stdout \"" << outcome.standardOutput << "\", stderr \""
-       << outcome.standardError << "\"";
-}
-
-CliOutcome run(const DaemonHarness& daemon, const std::vector<std::string>& arguments) {
-  const CommandResult result = daemon.cli(arguments);
-  return {result.exitCode, result.standardOutput, result.standardError};
-}
-
-json::Json parsedOrNull(const std::string& text) {
-  try {
-    return json::parse(text);
-  } catch (const json::DecodeError&) {
-    return nullptr;
-  }
-}
-
-const json::Json kTwoUsers = {
-    {"users", {{{"displayName", "alice"}, {"uuid", kAliceUuid}}, {{"displayName", "bob"}}}}};
-
-TEST_F(DaemonTest, VersionAnswersOverTheSocketAndTheCli) {
-  const DaemonHarness& daemon = startDaemon();
-  EXPECT_EQ(daemon.client()->helperVersion(), "1.3");
-  EXPECT_EQ(run(daemon, {"version"}), (CliOutcome{0, "1.3", ""}));
-
-  const CommandResult unreachable = CommandRunner(30).run(
-      DaemonHarness::builtCli(), {"--socket", (daemon.directory() / "absent.sock").string(), "version"});
-  EXPECT_EQ(unreachable.exitCode, 3) << unreachable.standardError;
-}
-
-TEST_F(DaemonTest, UsersComeFromTheToolRunWithOnlyItsArgumentAndNoEnvironment) {
-  const DaemonHarness& daemon = startDaemon();
-  EXPECT_EQ(run(daemon, {"users"}), (CliOutcome{0, std::string("alice ") + kAliceUuid + "\nbob", ""}));
-  const CliOutcome asJson = run(daemon, {"users", "--json"});
-  EXPECT_EQ(asJson.exitCode, 0) << asJson.standardError;
-  EXPECT_EQ(parsedOrNull(asJson.standardOutput), kTwoUsers) << asJson.standardOutput;
+TEST_F(DaemonTest, VersionAndUsersFromTheToolRunWithOnlyItsArgumentAndNoEnvironment) {
+  const Daemon daemon;
+  EXPECT_EQ(daemon.cli({"version"}), CliOutcome(0, "1.3", ""));
+  EXPECT_EQ(daemon.cli({"users"}), CliOutcome(0, "alice 5B6C1E8A-0F5E-4E2B-9C1D-3A2B1C0D9E8F\nbob", ""));
+  const auto [status, out, err] = daemon.cli({"users", "--json"});
+  EXPECT_EQ(status, 0) << err;
+  EXPECT_EQ(json::parse(out), kTwoUsers);
   // The stand-in refuses other arguments and any environment but the shell's own PWD.
-  EXPECT_EQ(daemon.toolInvocations(), "list\nlist\n");
+  EXPECT_EQ(daemon.toolRuns(), "list\nlist\n");
 }
 
 TEST_F(DaemonTest, UsersReplyIsABinaryPropertyListPythonReadsAlike) {
-  if (std::string_view(HARBORKEEPER_PYTHON3).front() != '/') GTEST_SKIP() << "python3 was not found";
-  const DaemonHarness& daemon = startDaemon();
-  const std::optional<Bytes> data = daemon.client()->fileVaultUsersData();
-  ASSERT_TRUE(data.has_value());
-  const fs::path file = daemon.directory() / "users.plist";
-  std::ofstream(file, std::ios::binary) << asStringView(*data);
-
+  const Daemon daemon;
+  writeRaw(daemon.dir / "users.plist", toString(daemon.client()->fileVaultUsersData().value()));
   const CommandResult decoded = CommandRunner(30).run(
-      HARBORKEEPER_PYTHON3, {std::string(HARBORKEEPER_TEST_TOOLS_DIR) + "/decode_plist.py", file.string()});
+      HARBORKEEPER_PYTHON3, {HARBORKEEPER_TEST_TOOLS_DIR "/decode_plist.py", daemon.dir / "users.plist"});
   ASSERT_EQ(decoded.exitCode, 0) << decoded.standardError;
-  EXPECT_EQ(parsedOrNull(decoded.standardOutput), kTwoUsers) << decoded.standardOutput;
+  EXPECT_EQ(json::parse(decoded.standardOutput), kTwoUsers);
 }
 
 TEST_F(DaemonTest, UnavailableUsersAreAFailureWithTheGenericDetail) {
-  const DaemonHarness& daemon = startDaemon({.fdesetup = "fdesetup_fails_silently.sh"});
-  EXPECT_EQ(run(daemon, {"users"}),
-            (CliOutcome{1, "", failureLine("Harborkeeper could not list FileVault-enabled users.")}));
-  const CliOutcome asJson = run(daemon, {"users", "--json"});
-  EXPECT_EQ(asJson.exitCode, 1);
-  EXPECT_EQ(parsedOrNull(asJson.standardOutput),
-            (json::Json{{"users", json::Json::array()},
-                        {"unavailableReason", "fdesetup list failed with exit code 1."}}))
-      << asJson.standardOutput;
-  EXPECT_EQ(daemon.toolInvocations(), "list\nlist\n");  // the tool ran and failed, rather than not starting
+  const Daemon daemon("fdesetup_fails_silently.sh");
+  EXPECT_EQ(daemon.cli({"users"}),
+            CliOutcome(1, "", "harborkeeper: Harborkeeper could not list FileVault-enabled users."));
+  const auto [status, out, err] = daemon.cli({"users", "--json"});
+  EXPECT_EQ(status, 1);
+  EXPECT_EQ(json::parse(out), (json::Json{{"users", json::Json::array()},
+                                          {"unavailableReason", "fdesetup list failed with exit code 1."}}));
+  EXPECT_EQ(daemon.toolRuns(), "list\nlist\n");  // the tool ran and failed, rather than not starting
 }
 
 TEST_F(DaemonTest, StatusShowsTheRecordTheStoreWrote) {
-  const DaemonHarness& daemon = startDaemon();
-  for (const char* format : {"", "--json"}) {
-    SCOPED_TRACE(format);
-    std::vector<std::string> arguments{"status"};
-    if (*format != '\0') arguments.emplace_back(format);
-    EXPECT_EQ(run(daemon, arguments), (CliOutcome{1, "", failureLine("No protection status is recorded.")}));
+  const Daemon daemon;
+  const CliOutcome none(1, "", "harborkeeper: No protection status is recorded.");
+  EXPECT_EQ(daemon.cli({"status"}), none);
+  EXPECT_EQ(daemon.cli({"status", "--json"}), none);
+
+  const Date armedAt = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
+  ProtectionStatusStore(daemon.dir / "state", 0)
+      .store({HelperProtectionMode::nextRestart, true, armedAt, "Armed."});
+  const std::string attempt =
+      "Attempted at " + date_time::formatInternetDateTime(armedAt) + " (next restart)";
+  EXPECT_EQ(daemon.cli({"status"}), CliOutcome(0, "Protected for the next restart\nArmed.\n" + attempt, ""));
+  const auto [status, out, err] = daemon.cli({"status", "--json"});
+  EXPECT_EQ(status, 0) << err;
+  EXPECT_EQ(json::parse(out).at("protectionState"), "Protected for the next restart");
+}
+
+// Refused at accept, before any request byte is read: no reply, nothing run.
+TEST_F(DaemonTest, UntrustedCliCopiesGetNoReplyAndReachNothing) {
+  const TemporaryDirectory copies;
+  const std::string unlisted = copyExecutable(builtCli(), copies.path() / "a/harborkeeper", fs::perms(0755));
+  const std::string listed = copyExecutable(builtCli(), copies.path() / "b/harborkeeper", fs::perms(0755));
+  const Daemon daemon("fdesetup_lists_two_users.sh", {listed});
+  // The listed copy is served while it is safe, so only its mode differs below.
+  ASSERT_EQ(daemon.cli({"version"}, listed), CliOutcome(0, "1.3", "")) << daemon.log();
+  fs::permissions(listed, fs::perms(0775));
+
+  const std::string noReply = "harborkeeper: The Harborkeeper helper closed the connection without replying.";
+  for (const std::string& executable : {unlisted, listed}) {
+    EXPECT_EQ(daemon.cli({"users"}, executable), CliOutcome(3, "", noReply)) << executable;
   }
-
-  // Whole seconds: the record keeps no fraction.
-  const Date armedAt =
-      date_time::fromSecondsSince1970(double(date_time::secondsSince1970(std::chrono::system_clock::now())));
-  ASSERT_GT(armedAt, BootTime::currentBootDate());
-  const HelperProtectionStatus status{HelperProtectionMode::nextRestart, true, armedAt,
-                                      "Armed. The next restart unlocks FileVault once."};
-  ProtectionStatusStore(daemon.stateDirectory(), 0).store(status);
-
-  EXPECT_EQ(HelperProtectionStatus::decode(asStringView(daemon.client()->protectionStatusData().value())),
-            status);
-  EXPECT_EQ(run(daemon, {"status"}),
-            (CliOutcome{0,
-                        "Protected for the next restart\n" + status.message + "\nAttempted at " +
-                            date_time::formatInternetDateTime(armedAt) + " (next restart)",
-                        ""}));
-  const CliOutcome asJson = run(daemon, {"status", "--json"});
-  EXPECT_EQ(asJson.exitCode, 0) << asJson.standardError;
-  EXPECT_TRUE(parsedOrNull(asJson.standardOutput).is_object()) << asJson.standardOutput;
+  EXPECT_TRUE(eventually([&] { return daemon.logLines("Refused a client") == 2; })) << daemon.log();
+  EXPECT_EQ(daemon.toolRuns(), "");
 }
 
 TEST_F(DaemonTest, TerminationSignalsExitCleanlyAndRemoveTheSocket) {
-  for (const auto& [signal, name] : {std::pair(SIGTERM, "SIGTERM"), std::pair(SIGINT, "SIGINT")}) {
-    SCOPED_TRACE(name);
-    DaemonHarness& daemon = startDaemon();
+  for (const int signal : {SIGTERM, SIGINT}) {
+    SCOPED_TRACE(signal);
+    Daemon daemon;
     const auto connected = daemon.client();  // an open connection must not hold the daemon up
     ASSERT_EQ(connected->helperVersion(), "1.3");
-    const int status = daemon.signalAndWait(signal);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "wait status " << status << "\n"
-                                                               << daemon.log();
-    EXPECT_FALSE(fs::exists(daemon.socketPath()));
+    const int status = daemon.stop(signal);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << daemon.log();
+    EXPECT_FALSE(fs::exists(daemon.socket()));
     EXPECT_THROW(connected->helperVersion(), ipc::HelperClientError);
   }
+}
+
+constexpr char kClosed[] = "Closed a connection";
+constexpr char kMarker[] = "MARKER";  // in every payload below, so it must never reach the log
+
+std::string header(std::uint32_t length) {
+  return {char(length >> 24), char(length >> 16), char(length >> 8), char(length)};
+}
+
+std::string frame(const Bytes& payload) { return header(std::uint32_t(payload.size())) + toString(payload); }
+
+std::string requestFrame(std::string_view selector, plist::Value arguments,
+                         plist::Format format = plist::Format::binary) {
+  const plist::Dictionary request{
+      {"id", 1}, {"selector", std::string(selector)}, {"arguments", std::move(arguments)}, {"note", kMarker}};
+  return frame(plist::encode(request, format));
+}
+
+TEST_F(DaemonTest, MalformedOrStalledInputClosesOnlyItsOwnConnection) {
+  const Daemon daemon;
+  const auto bystander = daemon.client();
+  // {name, bytes, whether the peer then closes its writing side}
+  const std::tuple<const char*, std::string, bool> inputs[] = {
+      {"length 0", header(0) + "MARKER-zero", false},
+      {"length over 1 MiB", header((1u << 20) + 1) + "MARKER-oversized", false},
+      {"truncated frame, then close", header(64) + "MARKER-truncated", true},
+      {"not a property list", frame(toBytes("MARKER-plain-text")), false},
+      {"XML property list", requestFrame(helperVersion, plist::Array{}, plist::Format::xml), false},
+      {"unknown selector", requestFrame("MARKERUnknownWithReply:", plist::Array{}), false},
+      {"wrong argument count", requestFrame(helperVersion, plist::Array{"MARKER-extra"}), false},
+      {"wrong argument type", requestFrame(helperVersion, plist::Array{plist::Dictionary{}}), false},
+  };
+  std::size_t closed = 0;
+  for (const auto& [name, bytes, thenClose] : inputs) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(daemon.sendRaw(bytes, 5s, thenClose), "");
+    EXPECT_EQ(bystander->helperVersion(), "1.3");
+    ++closed;
+    EXPECT_TRUE(eventually([&] { return daemon.logLines(kClosed) == closed; })) << daemon.log();
+  }
+  // A started frame that stalls is closed after 10 s, while the bystander, idle meanwhile, stays.
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(daemon.sendRaw(header(64) + "MARKER-stalled", 15s), "");
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(elapsed, 10s);
+  EXPECT_LT(elapsed, 12s);
+  EXPECT_EQ(bystander->helperVersion(), "1.3");
+  EXPECT_TRUE(eventually([&] { return daemon.logLines(kClosed) == closed + 1; })) << daemon.log();
+  EXPECT_EQ(daemon.log().find(kMarker), std::string::npos) << daemon.log();
+}
+
+// Each client makes one request, so the daemon has surely taken its connection
+// in, then pipelines all the rest once every client is in.
+TEST_F(DaemonTest, SixtyFourPipeliningClientsAreAllAnsweredAndASixtyFifthIsClosedAtOnce) {
+  constexpr std::size_t clients = 64;  // the daemon's limit
+  constexpr std::size_t requests = 200;
+  const Daemon daemon;
+  std::latch connected(clients);
+  std::latch go(1);
+  std::atomic<std::size_t> answered = 0;
+  std::vector<std::thread> threads;
+  while (threads.size() < clients) {
+    threads.emplace_back([&] {
+      try {
+        const auto client = daemon.client();
+        answered += client->helperVersion() == "1.3";
+        connected.count_down();
+        go.wait();
+        std::vector<std::future<plist::Array>> pending;
+        while (pending.size() + 1 < requests) pending.push_back(client->send(helperVersion));
+        for (auto& reply : pending) answered += reply.get() == ipc::textReply("1.3");
+      } catch (const std::exception& error) {
+        ADD_FAILURE() << error.what();
+      }
+    });
+  }
+  const bool allConnected = eventually([&] { return connected.try_wait(); }, 30s);
+  if (allConnected) {
+    EXPECT_EQ(daemon.sendRaw(requestFrame(helperVersion, plist::Array{}), 1s), "");  // closed at once
+  }
+  go.count_down();
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_TRUE(allConnected);
+  EXPECT_EQ(answered, clients * requests);
+  // The limit counts open connections only: once they are gone a new client is served.
+  EXPECT_TRUE(eventually(
+      [&] { return outcome<std::exception>([&] { return daemon.client()->helperVersion(); }) == "1.3"; }));
 }
 
 }  // namespace
