@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -54,6 +55,17 @@ bool isResourceShortage(int error) {
 
 std::string errorText(int error) { return std::error_code(error, std::generic_category()).message(); }
 
+// Without a limit a client that never reads would block a reply's writer
+// (possibly the operation queue) for ever once the socket buffer is full.
+void limitWriteTime(int fd, milliseconds limit) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
+  const timeval value{static_cast<time_t>(seconds.count()),
+                      static_cast<suseconds_t>(std::chrono::microseconds(limit - seconds).count())};
+  if (::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &value, sizeof value) != 0) {
+    throw systemError("Could not limit the connection's write time");
+  }
+}
+
 void serveRequests(const std::shared_ptr<HelperConnection>& connection, HelperService& service,
                    milliseconds partialFrameTimeout) {
   while (const std::optional<Bytes> payload = connection->stream().readFrame(partialFrameTimeout)) {
@@ -92,9 +104,14 @@ void HelperListener::stop() {
   if (acceptThread_.joinable()) acceptThread_.join();
   std::unique_lock lock(mutex_);
   for (const auto& connection : connections_) connection->close();
-  allClosed_.wait(lock, [this] { return connections_.empty(); });
+  // Connections promised to idle threads are dropped here; those threads end.
+  for (const auto& connection : handoff_) connections_.erase(connection);
+  idleWorkers_ += handoff_.size();
+  handoff_.clear();
+  handedOff_.notify_all();
+  allClosed_.wait(lock, [this] { return connections_.empty() && workers_.empty(); });
   lock.unlock();
-  reapFinished();
+  reapRetired();
 }
 
 std::size_t HelperListener::openConnections() const {
@@ -113,7 +130,7 @@ void HelperListener::acceptLoop() {
     if (fds[0].revents != 0) {
       std::uint64_t count = 0;
       (void)!::read(wakeup_.get(), &count, sizeof count);
-      reapFinished();
+      reapRetired();
     }
     if (stopping_) return;
     const int fd = ::accept4(listeningSocket_.get(), nullptr, nullptr, SOCK_CLOEXEC);
@@ -131,6 +148,12 @@ void HelperListener::acceptLoop() {
 }
 
 void HelperListener::admit(UniqueFd socket) {
+  try {
+    limitWriteTime(socket.get(), limits_.replyWriteTimeout);
+  } catch (const std::system_error& error) {
+    logger_.error(std::string("Could not serve a connection: ") + error.what());
+    return;
+  }
   std::unique_lock lock(mutex_);
   const std::size_t open = connections_.size();
   if (open >= limits_.maximumConnections) {
@@ -140,16 +163,49 @@ void HelperListener::admit(UniqueFd socket) {
   }
   auto connection = std::make_shared<HelperConnection>(std::move(socket));
   connections_.insert(connection);
+  if (idleWorkers_ == 0) return startWorker(connection, lock);
+  --idleWorkers_;
+  handoff_.push_back(std::move(connection));
   lock.unlock();
+  handedOff_.notify_one();
+}
+
+// REQUIRES: `lock` holds mutex_, so the new thread cannot retire before its
+// handle is stored.
+void HelperListener::startWorker(const std::shared_ptr<HelperConnection>& connection,
+                                 std::unique_lock<std::mutex>& lock) {
+  const auto self = workers_.emplace(workers_.end());
   try {
-    connection->start([this, connection] { serve(connection); });
+    *self = std::thread(&HelperListener::work, this, self, connection);
   } catch (const std::system_error& error) {
-    lock.lock();
+    workers_.erase(self);
     connections_.erase(connection);
-    if (connections_.empty()) allClosed_.notify_all();
+    if (connections_.empty() && workers_.empty()) allClosed_.notify_all();
     lock.unlock();
     logger_.error(std::string("Could not serve a connection: ") + error.what());
   }
+}
+
+void HelperListener::work(Worker self, std::shared_ptr<HelperConnection> connection) {
+  while (connection) {
+    serve(connection);
+    connection = nextConnection();
+  }
+  retire(self);
+}
+
+// Blocks (no polling) until a connection is handed over, the lifetime is up or the listener stops.
+std::shared_ptr<HelperConnection> HelperListener::nextConnection() {
+  std::unique_lock lock(mutex_);
+  ++idleWorkers_;
+  handedOff_.wait_for(lock, limits_.idleThreadLifetime, [this] { return stopping_ || !handoff_.empty(); });
+  if (handoff_.empty()) {
+    --idleWorkers_;
+    return nullptr;
+  }
+  std::shared_ptr<HelperConnection> connection = std::move(handoff_.front());
+  handoff_.pop_front();
+  return connection;
 }
 
 // The peer check comes before any byte is read: a refused peer's request is
@@ -183,22 +239,27 @@ void HelperListener::serve(const std::shared_ptr<HelperConnection>& connection) 
 }
 
 void HelperListener::finished(const std::shared_ptr<HelperConnection>& connection) {
+  std::lock_guard lock(mutex_);
+  connections_.erase(connection);
+}
+
+void HelperListener::retire(Worker self) {
   {
     std::lock_guard lock(mutex_);
-    connections_.erase(connection);
-    finished_.push_back(connection);
-    if (connections_.empty()) allClosed_.notify_all();
+    retired_.push_back(std::move(*self));
+    workers_.erase(self);
+    if (connections_.empty() && workers_.empty()) allClosed_.notify_all();
   }
   wake();
 }
 
-void HelperListener::reapFinished() {
-  std::vector<std::shared_ptr<HelperConnection>> done;
+void HelperListener::reapRetired() {
+  std::vector<std::thread> done;
   {
     std::lock_guard lock(mutex_);
-    done.swap(finished_);
+    done.swap(retired_);
   }
-  for (const auto& connection : done) connection->join();
+  for (std::thread& thread : done) thread.join();
 }
 
 void HelperListener::wake() noexcept {

@@ -4,6 +4,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <deque>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -20,6 +22,13 @@ namespace harborkeeper {
 struct ListenerLimits {
   std::size_t maximumConnections = 64;
   std::chrono::milliseconds partialFrameTimeout{10'000};
+  // A reply write that makes no progress this long (SO_SNDTIMEO: the client
+  // does not read its replies) ends that connection, so such a client cannot
+  // hold up the operation queue or a connection thread.
+  std::chrono::milliseconds replyWriteTimeout{10'000};
+  // How long a connection thread whose client has left waits for the next
+  // accepted connection before it ends.
+  std::chrono::milliseconds idleThreadLifetime{1'000};
 };
 
 class HelperConnection;
@@ -29,7 +38,11 @@ class HelperConnection;
 // until the peer leaves or sends something malformed (that connection alone
 // closes, without a reply, and one line without payload is logged). Replies of
 // queued requests are written from the operation queue, so they may overtake
-// earlier ones. Nothing polls: an idle daemon sleeps in accept and read.
+// earlier ones; a reply the client does not take within replyWriteTimeout
+// closes its connection. A thread whose connection has ended serves the next
+// one accepted within idleThreadLifetime, then ends, so after a burst the
+// threads and descriptors come back to what they were. Nothing polls: an idle
+// daemon sleeps in accept and read.
 class HelperListener final {
  public:
   HelperListener(UniqueFd listeningSocket, HelperService& service, const PeerVerifier& verifier,
@@ -47,11 +60,17 @@ class HelperListener final {
   [[nodiscard]] std::size_t openConnections() const;
 
  private:
+  using Worker = std::list<std::thread>::iterator;
+
   void acceptLoop();
   void admit(UniqueFd socket);
+  void startWorker(const std::shared_ptr<HelperConnection>& connection, std::unique_lock<std::mutex>& lock);
+  void work(Worker self, std::shared_ptr<HelperConnection> connection);
+  std::shared_ptr<HelperConnection> nextConnection();
   void serve(const std::shared_ptr<HelperConnection>& connection);
   void finished(const std::shared_ptr<HelperConnection>& connection);
-  void reapFinished();
+  void retire(Worker self);
+  void reapRetired();
   void wake() noexcept;
 
   UniqueFd listeningSocket_;
@@ -62,11 +81,18 @@ class HelperListener final {
   ListenerLimits limits_;
   std::thread acceptThread_;
   mutable std::mutex mutex_;
-  std::condition_variable allClosed_;
+  std::condition_variable allClosed_;  // no connection and no connection thread left
   std::set<std::shared_ptr<HelperConnection>> connections_;
-  // Connections whose thread has ended but is not joined yet; the accept
-  // thread joins them as soon as it is woken, so none pile up.
-  std::vector<std::shared_ptr<HelperConnection>> finished_;
+  // Accepted connections promised to idle threads. idleWorkers_ counts idle
+  // threads minus these, so a connection is handed off only when a thread is
+  // sure to take it.
+  std::deque<std::shared_ptr<HelperConnection>> handoff_;
+  std::size_t idleWorkers_ = 0;
+  std::condition_variable handedOff_;
+  std::list<std::thread> workers_;
+  // Threads that have ended but are not joined yet; the accept thread joins
+  // them as soon as it is woken, so none pile up.
+  std::vector<std::thread> retired_;
   std::mutex stopMutex_;  // serialises stop()
   std::atomic<bool> stopping_{false};
 };

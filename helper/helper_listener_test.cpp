@@ -1,5 +1,7 @@
 #include "helper/helper_listener.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -9,7 +11,9 @@
 
 #include <gtest/gtest.h>
 
+#include "core/ipc/frame_codec.h"
 #include "core/ipc/helper_client.h"
+#include "core/ipc/helper_protocol.h"
 #include "core/platform/state_file_test_support.h"
 #include "helper/socket_endpoint.h"
 
@@ -28,17 +32,27 @@ bool eventually(const std::function<bool()>& condition) {
   return condition();
 }
 
+// A listener on a socket in a temporary directory that admits every peer.
+struct Served {
+  explicit Served(ListenerLimits limits) : listener(openListeningSocket(socketPath), service, verifier, *logger, limits) {
+    listener.resume();
+  }
+
+  TemporaryDirectory temp;
+  std::string socketPath = (temp.path() / "helper.sock").string();
+  std::unique_ptr<Logger> logger = makeProcessLogger(LogDestination::standardError);
+  HelperService service{{}, std::make_shared<CommandRunner>(30.0), *logger};
+  PeerVerifier verifier{"/nonexistent", {PeerVerifier::trustedAsApp("/opt/harborkeeper")},
+                        std::make_unique<AdmittingInspector>()};
+  HelperListener listener;
+};
+
 // Each connection's thread is joined and its descriptor closed when it ends,
 // not at stop(); stop() itself does not wait for idle clients.
 TEST(HelperListenerTest, ConnectionsLeaveNothingBehindAndStopClosesIdleOnesPromptly) {
-  const TemporaryDirectory temp;
-  const std::string socketPath = (temp.path() / "helper.sock").string();
-  const std::unique_ptr<Logger> logger = makeProcessLogger(LogDestination::standardError);
-  HelperService service({}, std::make_shared<CommandRunner>(30.0), *logger);
-  const PeerVerifier verifier("/nonexistent", {PeerVerifier::trustedAsApp("/opt/harborkeeper")},
-                              std::make_unique<AdmittingInspector>());
-  HelperListener listener(openListeningSocket(socketPath), service, verifier, *logger, {4096, 10s});
-  listener.resume();
+  Served served({4096, 10s});
+  const std::string& socketPath = served.socketPath;
+  HelperListener& listener = served.listener;
   const long threads = entryCount("/proc/self/task");
   const long descriptors = entryCount();
   for (int i = 0; i < 2000; ++i) {
@@ -58,6 +72,26 @@ TEST(HelperListenerTest, ConnectionsLeaveNothingBehindAndStopClosesIdleOnesPromp
   listener.stop();
   EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
   EXPECT_THROW(idle->helperVersion(), ipc::HelperClientError);
+}
+
+// A client that sends requests but never reads the replies loses its connection once
+// a reply write stalls, and the daemon goes on serving others.
+TEST(HelperListenerTest, AClientThatNeverReadsItsRepliesIsClosed) {
+  Served served({64, 10s, 200ms});
+  const UniqueFd raw(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  served.socketPath.copy(address.sun_path, served.socketPath.size());
+  ASSERT_EQ(::connect(raw.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+  ASSERT_TRUE(eventually([&] { return served.listener.openConnections() == 1; }));
+  const Bytes frame = ipc::encodeFrame(ipc::encodeRequest({1, std::string(ipc::selectors::helperVersion), {}}));
+  Bytes burst;
+  for (int i = 0; i < 200; ++i) burst.insert(burst.end(), frame.begin(), frame.end());
+  EXPECT_TRUE(eventually([&] {
+    (void)::send(raw.get(), burst.data(), burst.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    return served.listener.openConnections() == 0;
+  }));
+  EXPECT_EQ(ipc::HelperClient::connect(served.socketPath)->helperVersion(), "1.3");
 }
 
 TEST(SocketEndpointTest, ReplacesOnlyAStaleSocket) {

@@ -81,20 +81,29 @@ std::optional<Bytes> FrameStream::readFrame(milliseconds partialFrameTimeout) {
   }
 }
 
-void FrameStream::writeFrame(const Bytes& payload) {
+void FrameStream::writeFrame(const Bytes& payload) { writeFrame(payload, nullptr); }
+
+void FrameStream::writeFrame(const Bytes& payload, const std::function<void()>& waitForRoom) {
   Bytes frame = encodeFrame(payload);
+  const int flags = MSG_NOSIGNAL | (waitForRoom ? MSG_DONTWAIT : 0);
   int error = 0;
-  {
+  try {
     const std::lock_guard lock(writeMutex_);
     for (std::size_t sent = 0; sent < frame.size();) {
       const ssize_t count = internal::retryOnInterrupt(
-          [&] { return ::send(socket_.get(), frame.data() + sent, frame.size() - sent, MSG_NOSIGNAL); });
-      if (count < 0) {
+          [&] { return ::send(socket_.get(), frame.data() + sent, frame.size() - sent, flags); });
+      if (count >= 0) {
+        sent += static_cast<std::size_t>(count);
+      } else if (waitForRoom && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        waitForRoom();
+      } else {
         error = errno;
         break;
       }
-      sent += static_cast<std::size_t>(count);
     }
+  } catch (...) {
+    secureWipe(frame);
+    throw;
   }
   secureWipe(frame);
   if (error != 0) throw socketError(error, "Could not send a frame");

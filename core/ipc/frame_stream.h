@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <mutex>
 #include <optional>
 
@@ -12,8 +13,8 @@
 namespace harborkeeper::ipc {
 
 // Blocking frame I/O on one connected stream socket, shared by the daemon and
-// its clients. One thread reads; any number of threads may write (writes are
-// serialised so frames never interleave).
+// its clients. One thread at a time reads; any number of threads may write
+// (writes are serialised so frames never interleave).
 class FrameStream final {
  public:
   explicit FrameStream(UniqueFd socket);
@@ -30,6 +31,11 @@ class FrameStream final {
   // Sends one whole frame (never raises SIGPIPE). Throws ProtocolError for a
   // bad length and std::system_error when the peer is gone.
   void writeFrame(const Bytes& payload);
+
+  // The same, except that whenever the socket is full it calls `waitForRoom`
+  // instead of blocking, then tries again; what that throws passes through.
+  // For a peer that may stop reading until this side reads.
+  void writeFrame(const Bytes& payload, const std::function<void()>& waitForRoom);
 
   // Wakes a blocked reader and makes further reads return nothing and writes
   // fail. Safe from any thread, any number of times.

@@ -1,10 +1,15 @@
 #include "core/ipc/helper_client.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <map>
+#include <mutex>
 #include <system_error>
 #include <utility>
 
@@ -27,6 +32,200 @@ HelperClientError failure(Kind kind) {
   return {kind, "The Harborkeeper helper closed the connection without replying."};
 }
 
+std::future<plist::Array> failedFuture(Kind kind) {
+  std::promise<plist::Array> promise;
+  promise.set_exception(std::make_exception_ptr(failure(kind)));
+  return promise.get_future();
+}
+
+}  // namespace
+
+// Leader/follower: whoever waits while nobody reads becomes the reader, files
+// each reply under its id and wakes the others; once its own reply is in it
+// lets one of them take over. A failure is kept as a kind, not an exception,
+// so each waiter throws its own: an exception object shared between threads
+// is reference counted in library code that ThreadSanitizer cannot see.
+class HelperChannel final {
+ public:
+  explicit HelperChannel(UniqueFd socket) : stream_(std::move(socket)) {}
+
+  // A new request's id, or nothing once the connection is closed.
+  std::optional<std::int64_t> open() {
+    const std::lock_guard lock(mutex_);
+    if (closed_) return std::nullopt;
+    const std::int64_t id = nextId_++;
+    slots_.emplace(id, Slot{});
+    return id;
+  }
+
+  // The request was never sent.
+  void forget(std::int64_t id) noexcept {
+    const std::lock_guard lock(mutex_);
+    slots_.erase(id);
+  }
+
+  // Nobody will wait for the request any more; its reply is dropped.
+  void abandon(std::int64_t id) noexcept {
+    const std::lock_guard lock(mutex_);
+    const auto found = slots_.find(id);
+    if (found == slots_.end()) return;
+    if (found->second.done()) {
+      slots_.erase(found);
+    } else {
+      found->second.abandoned = true;
+    }
+  }
+
+  // Waits for the reply to `id`, reading for everyone while it is this thread's turn.
+  plist::Array await(std::int64_t id) {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      const auto found = slots_.find(id);
+      if (found == slots_.end()) throw failure(Kind::connectionClosed);  // awaited twice: not by a future
+      if (found->second.done()) {
+        Slot slot = std::move(found->second);
+        slots_.erase(found);
+        if (slot.failure) throw failure(*slot.failure);
+        return std::move(*slot.reply);
+      }
+      if (reading_) {
+        ++waiting_;
+        changed_.wait(lock);
+        --waiting_;
+      } else {
+        readOneFrame(lock);
+      }
+    }
+  }
+
+  // Sends a request's frame. While the socket is full the daemon may be held
+  // up writing replies nobody reads, so the writer reads them if nobody else does.
+  void write(const Bytes& payload) {
+    stream_.writeFrame(payload, [this] { waitForRoom(); });
+  }
+
+  // Shuts the connection; requests still waiting fail with `kind`.
+  void close(Kind kind) noexcept {
+    const std::lock_guard lock(mutex_);
+    closeLocked(kind);
+    changed_.notify_all();
+  }
+
+ private:
+  struct Slot {
+    std::optional<plist::Array> reply;
+    std::optional<Kind> failure;
+    bool abandoned = false;
+    [[nodiscard]] bool done() const noexcept { return reply || failure; }
+  };
+
+  // REQUIRES: `lock` holds mutex_ and nobody is reading. Holds it again on return.
+  void readOneFrame(std::unique_lock<std::mutex>& lock) {
+    reading_ = true;
+    lock.unlock();
+    std::optional<Reply> reply;
+    Kind fault = Kind::connectionClosed;
+    try {
+      if (const std::optional<Bytes> payload = stream_.readFrame(kReplyFrameTimeout)) {
+        reply = decodeReply(asStringView(*payload));
+      }
+    } catch (const ProtocolError&) {
+      fault = Kind::badReply;
+    } catch (const std::exception&) {
+      // A socket error: the connection is as good as closed.
+    }
+    lock.lock();
+    reading_ = false;
+    if (!reply) {
+      closeLocked(fault);
+    } else if (!file(std::move(*reply))) {
+      closeLocked(Kind::badReply);
+    }
+    if (waiting_ > 0) changed_.notify_all();
+  }
+
+  // Returns once the socket may take more, a reply was filed, or the reader left.
+  void waitForRoom() {
+    std::unique_lock lock(mutex_);
+    if (closed_) throw std::system_error(EPIPE, std::generic_category(), "Could not send a frame");
+    if (reading_) {
+      ++waiting_;
+      changed_.wait(lock);
+      --waiting_;
+      return;
+    }
+    reading_ = true;
+    lock.unlock();
+    pollfd entry{stream_.fd(), POLLIN | POLLOUT, 0};
+    const bool readable = ::poll(&entry, 1, -1) > 0 && (entry.revents & POLLOUT) == 0;
+    lock.lock();
+    reading_ = false;
+    if (readable) {
+      readOneFrame(lock);  // the daemon is writing, or has closed
+    } else if (waiting_ > 0) {
+      changed_.notify_all();
+    }
+  }
+
+  // False for an id nobody is waiting for: never asked, or answered already.
+  bool file(Reply reply) {
+    const auto found = slots_.find(reply.id);
+    if (found == slots_.end() || found->second.done()) return false;
+    if (found->second.abandoned) {
+      slots_.erase(found);
+    } else {
+      found->second.reply = std::move(reply.reply);
+    }
+    return true;
+  }
+
+  void closeLocked(Kind kind) noexcept {
+    if (closed_) return;
+    closed_ = true;
+    stream_.shutdown();  // wakes a reader in another thread
+    for (auto slot = slots_.begin(); slot != slots_.end();) {
+      if (slot->second.abandoned) {
+        slot = slots_.erase(slot);
+        continue;
+      }
+      if (!slot->second.done()) slot->second.failure = kind;
+      ++slot;
+    }
+  }
+
+  FrameStream stream_;
+  std::mutex mutex_;
+  std::condition_variable changed_;  // a reply was filed, the reader left, or the connection closed
+  std::int64_t nextId_ = 1;
+  bool closed_ = false;
+  bool reading_ = false;
+  std::size_t waiting_ = 0;
+  std::map<std::int64_t, Slot> slots_;
+};
+
+namespace {
+
+// What a deferred future runs: it waits for one reply. Dropping it unwaited
+// abandons the request.
+class ReplyTicket final {
+ public:
+  ReplyTicket(std::shared_ptr<HelperChannel> channel, std::int64_t id)
+      : channel_(std::move(channel)), id_(id) {}
+  ReplyTicket(ReplyTicket&& other) noexcept = default;
+  ReplyTicket& operator=(ReplyTicket&&) = delete;
+  ReplyTicket(const ReplyTicket&) = delete;
+  ReplyTicket& operator=(const ReplyTicket&) = delete;
+  ~ReplyTicket() {
+    if (channel_) channel_->abandon(id_);
+  }
+
+  plist::Array operator()() { return channel_->await(id_); }
+
+ private:
+  std::shared_ptr<HelperChannel> channel_;  // null once moved from
+  std::int64_t id_;
+};
+
 }  // namespace
 
 std::unique_ptr<HelperClient> HelperClient::connect(const std::string& socketPath) {
@@ -42,43 +241,27 @@ std::unique_ptr<HelperClient> HelperClient::connect(const std::string& socketPat
   return std::unique_ptr<HelperClient>(new HelperClient(std::move(socket)));
 }
 
-HelperClient::HelperClient(UniqueFd socket) : stream_(std::move(socket)) {
-  reader_ = std::thread([this] { readLoop(); });
-}
+HelperClient::HelperClient(UniqueFd socket) : channel_(std::make_shared<HelperChannel>(std::move(socket))) {}
 
-HelperClient::~HelperClient() {
-  stream_.shutdown();
-  if (reader_.joinable()) reader_.join();
-}
+HelperClient::~HelperClient() { channel_->close(Kind::connectionClosed); }
 
 std::future<plist::Array> HelperClient::send(std::string_view selector, plist::Array arguments) {
-  std::promise<plist::Array> promise;
-  std::future<plist::Array> future = promise.get_future();
-  std::int64_t id = 0;
-  {
-    const std::lock_guard lock(mutex_);
-    if (closed_) {
-      promise.set_exception(std::make_exception_ptr(failure(Kind::connectionClosed)));
-      return future;
-    }
-    id = nextId_++;
-    outstanding_.emplace(id, std::move(promise));
-  }
+  const std::optional<std::int64_t> id = channel_->open();
+  if (!id) return failedFuture(Kind::connectionClosed);
   Bytes payload;  // may hold a password
   try {
-    payload = encodeRequest({id, std::string(selector), std::move(arguments)});
-    stream_.writeFrame(payload);
+    payload = encodeRequest({*id, std::string(selector), std::move(arguments)});
+    channel_->write(payload);
   } catch (const std::system_error&) {
-    stream_.shutdown();  // the reader then fails this and every other request
+    channel_->close(Kind::connectionClosed);  // fails this and every other request
   } catch (...) {
     // Nothing was sent: the request cannot be encoded or framed.
     secureWipe(payload);
-    const std::lock_guard lock(mutex_);
-    outstanding_.erase(id);
+    channel_->forget(*id);
     throw;
   }
   secureWipe(payload);
-  return future;
+  return std::async(std::launch::deferred, ReplyTicket(channel_, *id));
 }
 
 plist::Array HelperClient::call(std::string_view selector, plist::Array arguments) {
@@ -96,42 +279,6 @@ std::optional<Bytes> HelperClient::fileVaultUsersData() {
 
 std::optional<Bytes> HelperClient::protectionStatusData() {
   return readOptionalDataReply(call(selectors::protectionStatusData));
-}
-
-// Nothing escapes this thread: every way out ends in failOutstanding().
-void HelperClient::readLoop() {
-  Kind outcome = Kind::connectionClosed;
-  try {
-    while (std::optional<Bytes> payload = stream_.readFrame(kReplyFrameTimeout)) {
-      Reply reply = decodeReply(asStringView(*payload));
-      const std::lock_guard lock(mutex_);
-      const auto found = outstanding_.find(reply.id);
-      if (found == outstanding_.end()) throw ProtocolError(ProtocolError::Kind::badShape, "Unknown id.");
-      found->second.set_value(std::move(reply.reply));
-      outstanding_.erase(found);
-    }
-  } catch (const ProtocolError&) {
-    outcome = Kind::badReply;
-  } catch (const std::exception&) {
-    // A socket error: the connection is as good as closed.
-  }
-  stream_.shutdown();
-  failOutstanding(outcome);
-}
-
-void HelperClient::failOutstanding(Kind kind) {
-  std::map<std::int64_t, std::promise<plist::Array>> failing;
-  {
-    const std::lock_guard lock(mutex_);
-    closed_ = true;
-    closeError_ = std::make_exception_ptr(failure(kind));
-    failing.swap(outstanding_);
-  }
-  // The client keeps its own reference to the error, so it is not freed on
-  // this thread while a waiter may still be reading it: the reference counts
-  // of exceptions live in uninstrumented library code, out of
-  // ThreadSanitizer's sight.
-  for (auto& [id, promise] : failing) promise.set_exception(closeError_);
 }
 
 }  // namespace harborkeeper::ipc

@@ -1,19 +1,16 @@
 #pragma once
 
-#include <exception>
 #include <future>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <thread>
 
 #include "core/foundation/bytes.h"
 #include "core/foundation/plist.h"
 #include "core/ipc/frame_stream.h"
 #include "core/ipc/helper_protocol.h"
+#include "core/platform/unique_fd.h"
 
 namespace harborkeeper::ipc {
 
@@ -31,13 +28,23 @@ class HelperClientError : public std::runtime_error {
   Kind kind_;
 };
 
+class HelperChannel;  // the connection's state, shared with the futures (helper_client.cpp)
+
 // One connection to the daemon. Requests may be sent from any thread and any
-// number may be outstanding at once; a reader thread hands each reply to the
-// request with its id, whatever order replies come in. When the connection
-// closes every outstanding and later request fails with connectionClosed;
-// when the daemon sends a reply that cannot be read or answers an id nobody
-// asked, the client closes and every outstanding request fails with badReply
-// (later ones with connectionClosed).
+// number may be outstanding at once; each reply goes to the request with its
+// id, whatever order replies come in. When the connection closes every
+// outstanding and later request fails with connectionClosed; when the daemon
+// sends a reply that cannot be read or answers an id nobody asked, the client
+// closes and every outstanding request fails with badReply (later ones with
+// connectionClosed).
+//
+// There is no reader thread: a thread waiting for a reply reads the connection
+// itself, for every request (one waiter at a time; the others sleep until their
+// reply is in or it is their turn to read). So the futures of send() are
+// deferred: get() and wait() read, from any thread, while wait_for() and
+// wait_until() return future_status::deferred without waiting (a request made
+// after the connection closed is ready at once). A future may outlive its
+// client; the client's descriptor is closed when the last of them is gone.
 class HelperClient final {
  public:
   // Connects to the Unix socket at `socketPath`. Throws HelperClientError
@@ -62,16 +69,8 @@ class HelperClient final {
 
  private:
   explicit HelperClient(UniqueFd socket);
-  void readLoop();
-  void failOutstanding(HelperClientError::Kind kind);
 
-  FrameStream stream_;
-  std::mutex mutex_;
-  std::int64_t nextId_ = 1;
-  bool closed_ = false;
-  std::map<std::int64_t, std::promise<plist::Array>> outstanding_;
-  std::exception_ptr closeError_;  // what the outstanding requests failed with
-  std::thread reader_;
+  std::shared_ptr<HelperChannel> channel_;
 };
 
 }  // namespace harborkeeper::ipc

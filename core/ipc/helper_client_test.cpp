@@ -58,6 +58,29 @@ TEST(HelperClientTest, OutstandingRequestsEachGetTheirOwnReplyInAnyOrder) {
   for (std::size_t i = 0; i < replies.size(); ++i) EXPECT_EQ(replies[i].get(), textReply(arguments[i]));
 }
 
+// Threads that each pipeline more requests than the socket buffers hold and then wait out
+// of order: the daemon blocks writing unless whichever sender or waiter holds the socket
+// drains replies for the others.
+TEST(HelperClientTest, ManyThreadsPipelineAndWaitInAnyOrder) {
+  const FakeHelper server([](FrameStream& stream, const Request& request) {
+    stream.writeFrame(encodeReply({request.id, textReply(*request.arguments.at(0).get<std::string>())}));
+  });
+  const auto client = HelperClient::connect(server.path);
+  std::vector<std::jthread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      std::vector<std::future<plist::Array>> futures;
+      for (int i = 0; i < 1500; ++i) futures.push_back(client->send(selectors::helperVersion, {std::to_string(t * 10000 + i)}));
+      for (int i = 1499; i >= 0; i -= 1 + t) ASSERT_EQ(futures[i].get(), textReply(std::to_string(t * 10000 + i)));
+      for (int i = 0; i < 1500; ++i) {
+        if (futures[i].valid()) {
+          ASSERT_EQ(futures[i].get(), textReply(std::to_string(t * 10000 + i)));
+        }
+      }
+    });
+  }
+}
+
 // Whoever closes, every outstanding request fails, and later ones fail at once. The second
 // request is larger than the socket buffer, so a daemon that closes after the first one
 // leaves it half written: that must fail it, not raise SIGPIPE.
