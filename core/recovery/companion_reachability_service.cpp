@@ -1,0 +1,1 @@
+#include "core/recovery/companion_recovery_service.h"

@@ -1,0 +1,1 @@
+#include "core/recovery/interactive_ssh_unlock_runner.h"

@@ -1,0 +1,1 @@
+#include "core/recovery/recovery_profile.h"
