@@ -2,6 +2,8 @@
 
 #include "cli/cli_context.h"
 #include "cli/helper_commands.h"
+#include "cli/profile_commands.h"
+#include "cli/recovery_commands.h"
 
 namespace harborkeeper::cli {
 
@@ -9,18 +11,19 @@ namespace {
 
 constexpr std::string_view kDescription =
     "Harborkeeper keeps a disk-encrypted machine recoverable after a restart.\n"
-    "This command is the trusted client of its root helper.";
+    "This command is the trusted client of its root helper, and recovers companion\n"
+    "machines stuck at the FileVault SSH unlock prompt.";
 
 constexpr std::string_view kFooter =
-    "Every command takes --socket PATH, before or after its name.\n"
+    "Every command takes --socket PATH and --profiles FILE, before or after its name.\n"
     "Output is for people by default; commands that return a record take --json.\n"
     "Secrets are never taken from arguments or the environment: they are asked for\n"
     "at a prompt without echo, or read from standard input with the command's\n"
     "--...-stdin flag.\n"
     "\n"
-    "Exit status: 0 success; 1 the helper reported a failure or the information is\n"
-    "not available; 2 usage error; 3 the helper could not be reached or closed the\n"
-    "connection.\n"
+    "Exit status: 0 success; 1 the helper reported a failure, the information is\n"
+    "not available, or a recovery command failed (see its --help); 2 usage error;\n"
+    "3 the helper could not be reached or closed the connection.\n"
     "Run 'harborkeeper COMMAND --help' for a command's options.";
 
 void configure(CLI::App& app, CliContext& context) {
@@ -29,6 +32,8 @@ void configure(CLI::App& app, CliContext& context) {
   app.require_subcommand(0, 1);
   context.addGlobalOptions(app);
   registerHelperCommands(app, context);
+  registerProfileCommands(app, context);
+  registerRecoveryCommands(app, context);
 }
 
 // "harborkeeper users" for an error inside `users`.

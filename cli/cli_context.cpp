@@ -14,6 +14,15 @@ void CliContext::addGlobalOptions(CLI::App& app) {
   app.add_option("--socket", socketPath_, "Path of the helper's socket")
       ->type_name("PATH")
       ->capture_default_str();
+  app.add_option("--profiles", profilesFile_,
+                 "File of the recovery profiles (default: $XDG_CONFIG_HOME/harborkeeper/profiles.json, else "
+                 "~/.config/harborkeeper/profiles.json)")
+      ->type_name("FILE");
+}
+
+RecoveryProfileStore CliContext::profileStore() const {
+  return RecoveryProfileStore(profilesFile_.empty() ? RecoveryProfileStore::defaultPath()
+                                                    : std::filesystem::path(profilesFile_));
 }
 
 void CliContext::onRun(CLI::App& command, Action action) {

@@ -13,6 +13,7 @@
 #include "core/foundation/bytes.h"
 #include "core/foundation/plist.h"
 #include "core/ipc/helper_client.h"
+#include "core/recovery/recovery_profile_store.h"
 
 // What every command area shares for one run of the program: where the daemon
 // listens, the output streams, the common flags and how a command's outcome
@@ -58,8 +59,13 @@ class CliContext final {
   std::ostream& out() { return out_; }
   std::ostream& err() { return err_; }
   [[nodiscard]] const std::string& socketPath() const { return socketPath_; }
+  // The --profiles file as given; empty when the default is used.
+  [[nodiscard]] const std::string& profilesFile() const { return profilesFile_; }
+  // The recovery profile list: --profiles, or RecoveryProfileStore::defaultPath()
+  // (which throws RecoveryProfileStoreError when there is no home directory).
+  [[nodiscard]] RecoveryProfileStore profileStore() const;
 
-  // Adds the options every command takes (--socket) to the top-level app.
+  // Adds the options every command takes (--socket, --profiles) to the top-level app.
   void addGlobalOptions(CLI::App& app);
   // Makes `action` the one to run when `command` is named on the command line.
   void onRun(CLI::App& command, Action action);
@@ -90,6 +96,7 @@ class CliContext final {
   std::ostream& out_;
   std::ostream& err_;
   std::string socketPath_{defaultSocketPath};
+  std::string profilesFile_;
   Action chosen_;
   std::unique_ptr<ipc::HelperClient> helper_;
 };

@@ -3,6 +3,7 @@
 #include <openssl/rand.h>
 
 #include <array>
+#include <cctype>
 #include <cstdint>
 #include <stdexcept>
 
@@ -25,6 +26,19 @@ std::string makeV4() {
     text.push_back(kHex[bytes[i] & 0x0F]);
   }
   return text;
+}
+
+std::optional<std::string> parse(std::string_view text) {
+  if (text.size() != 36) return std::nullopt;
+  std::string upper;
+  upper.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+    if (dash ? c != '-' : std::isxdigit(static_cast<unsigned char>(c)) == 0) return std::nullopt;
+    upper.push_back(static_cast<char>(std::toupper(static_cast<unsigned char>(c))));
+  }
+  return upper;
 }
 
 }  // namespace harborkeeper::uuid

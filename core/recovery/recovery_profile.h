@@ -111,5 +111,7 @@ json::Json encodeRecoveryProfile(const RecoveryProfile& profile);
 // Required keys must be present with their type; the keys with a default may
 // be missing. Unknown keys are ignored. Throws RecoveryProfileDecodeError.
 RecoveryProfile decodeRecoveryProfile(const json::Json& object);
+// Every key the coding above reads or writes, in field order.
+std::span<const std::string_view> recoveryProfileCodingKeys();
 
 }  // namespace harborkeeper

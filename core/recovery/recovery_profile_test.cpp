@@ -1,1 +1,183 @@
+#include "core/recovery/recovery_profile.h"
+
 #include <gtest/gtest.h>
+
+namespace harborkeeper {
+namespace {
+
+using json::Json;
+using namespace std::chrono;
+
+// Every required key; of the others only nulls, which count as absent.
+Json minimalStored() {
+  return Json::parse(R"({
+      "id": "e621e1f8-c36c-495a-93fc-0c247a3e6e5f", "macName": "Studio", "localHostname": "studio.local",
+      "sshPort": 22.0, "hostKeyFingerprint": "", "pairedAt": null, "wakeOnLANPort": null, "lastKnownLocalIPs": ["192.168.1.20"],
+      "fileVaultUsername": "ana", "credentialPolicy": "askEveryTime", "notes": "", "vpnHostname": "",
+      "normalSSHUsername": ""})");
+}
+
+RecoveryProfile fullProfile() {
+  return {"E621E1F8-C36C-495A-93FC-0C247A3E6E5F",
+          "Studio",
+          "studio.local",
+          2222,
+          "SHA256:abc",
+          RecoveryHostKeyTrustPolicy::allowUnverifiedLocalNetwork,
+          {"10.0.0.2", "fe80::1"},
+          Date(sys_days(2026y / 11 / 15) + 16h + 20min),
+          "ana",
+          RecoveryCredentialPolicy::oneClick,
+          ListenerApprovalPolicy::requirePhoneApproval,
+          "closet \"rack\"",
+          "studio.vpn",
+          "admin",
+          "item-1",
+          Date(sys_days(2026y / 1 / 2)),
+          "session-9",
+          "00:11:22:33:44:55",
+          "192.168.1.255",
+          7};
+}
+
+TEST(RecoveryProfileCodingTest, MissingDefaultsDecodeWithTheirDefaults) {
+  const RecoveryProfile profile = decodeRecoveryProfile(minimalStored());
+  EXPECT_EQ(profile.id, "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
+  EXPECT_EQ(profile.sshPort, 22);
+  EXPECT_EQ(profile.hostKeyTrustPolicy, RecoveryHostKeyTrustPolicy::requireVerifiedHostKey);
+  EXPECT_EQ(profile.listenerApprovalPolicy, ListenerApprovalPolicy::allowTrustedListener);
+  EXPECT_EQ(profile.wakeOnLANMACAddress, "");
+  EXPECT_EQ(profile.wakeOnLANBroadcastAddress, "");
+  EXPECT_EQ(profile.wakeOnLANPort, 9);
+  EXPECT_FALSE(profile.pairedAt || profile.credentialItemIdentifier || profile.lastSuccessfulReachability);
+}
+
+TEST(RecoveryProfileCodingTest, FullProfileRoundTrips) {
+  const RecoveryProfile profile = fullProfile();
+  const Json encoded = encodeRecoveryProfile(profile);
+  EXPECT_EQ(encoded.size(), recoveryProfileCodingKeys().size());
+  EXPECT_EQ(encoded["pairedAt"], "2026-01-02T00:00:00Z");
+  EXPECT_EQ(decodeRecoveryProfile(json::parse(json::serialize(encoded))), profile);
+
+  RecoveryProfile bare = profile;
+  bare.pairedAt.reset();
+  bare.credentialItemIdentifier.reset();
+  EXPECT_FALSE(encodeRecoveryProfile(bare).contains("pairedAt"));
+  EXPECT_EQ(decodeRecoveryProfile(encodeRecoveryProfile(bare)), bare);
+}
+
+TEST(RecoveryProfileCodingTest, BadStoredValuesNameTheKeyNotTheValue) {
+  const std::nullopt_t missing = std::nullopt;
+  // {key, value stored under it (none: the key is removed), expected message}
+  const std::tuple<std::string, std::optional<Json>, std::string> cases[] = {
+      {"sshPort", missing, "\"sshPort\" is missing."},
+      {"sshPort", "22", "\"sshPort\" must be an integer."},
+      {"sshPort", 22.5, "\"sshPort\" must be an integer."},
+      {"sshPort", true, "\"sshPort\" must be an integer."},
+      {"sshPort", Json(18446744073709551615ULL), "\"sshPort\" must be an integer."},
+      {"wakeOnLANPort", "9", "\"wakeOnLANPort\" must be an integer."},
+      {"macName", missing, "\"macName\" is missing."},
+      {"macName", Json(nullptr), "\"macName\" must be a string."},
+      {"notes", 3, "\"notes\" must be a string."},
+      {"normalSSHUsername", missing, "\"normalSSHUsername\" is missing."},
+      {"id", "not-a-uuid", "\"id\" is not a UUID."},
+      {"id", missing, "\"id\" is missing."},
+      {"credentialPolicy", "AskEveryTime", "\"credentialPolicy\" has an unknown value."},
+      {"credentialPolicy", missing, "\"credentialPolicy\" is missing."},
+      {"hostKeyTrustPolicy", "trustAll", "\"hostKeyTrustPolicy\" has an unknown value."},
+      {"listenerApprovalPolicy", 1, "\"listenerApprovalPolicy\" must be a string."},
+      {"lastKnownLocalIPs", missing, "\"lastKnownLocalIPs\" is missing."},
+      {"lastKnownLocalIPs", "10.0.0.1", "\"lastKnownLocalIPs\" must be an array of strings."},
+      {"lastKnownLocalIPs", Json::array({"10.0.0.1", 7}), "\"lastKnownLocalIPs\" item 2 must be a string."},
+      {"pairedAt", "2026-13-01T00:00:00Z", "\"pairedAt\" is not an ISO 8601 date."},
+      {"lastSuccessfulReachability", 1700000000, "\"lastSuccessfulReachability\" must be a string."},
+      {"credentialItemIdentifier", false, "\"credentialItemIdentifier\" must be a string."},
+  };
+  for (const auto& [key, value, message] : cases) {
+    SCOPED_TRACE(message);
+    Json stored = minimalStored();
+    if (value) {
+      stored[key] = *value;
+    } else {
+      stored.erase(key);
+    }
+    try {
+      decodeRecoveryProfile(stored);
+      ADD_FAILURE() << "decoded";
+    } catch (const RecoveryProfileDecodeError& error) {
+      EXPECT_EQ(error.what(), message);
+      EXPECT_EQ(error.key(), key);
+    }
+  }
+}
+
+TEST(RecoveryProfileTest, DerivedValues) {
+  const std::vector<std::string> ten = {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4", "10.0.0.5",
+                                        "10.0.0.6", "10.0.0.7", "10.0.0.8", "10.0.0.9", "10.0.0.10"};
+  struct Case {
+    std::string name;
+    std::string vpn;
+    std::string local;
+    std::vector<std::string> ips;
+    std::vector<std::string> candidates;
+    std::string connectionHost;
+    std::string ipSummary;
+  };
+  const Case cases[] = {
+      {"ten addresses: first eight",
+       "",
+       "m.local",
+       ten,
+       {"m.local", "10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4", "10.0.0.5", "10.0.0.6", "10.0.0.7",
+        "10.0.0.8"},
+       "m.local",
+       "10.0.0.1, 10.0.0.2, 10.0.0.3, 10.0.0.4, 10.0.0.5, 10.0.0.6, 10.0.0.7, 10.0.0.8, 10.0.0.9, "
+       "10.0.0.10"},
+      {"vpn equal to local: once, first",
+       " m.local\n",
+       "m.local",
+       {"m.local", "10.0.0.1"},
+       {"m.local", "10.0.0.1"},
+       "m.local",
+       "m.local, 10.0.0.1"},
+      {"trimmed, empty and duplicates dropped",
+       "vpn.example",
+       "\u00a0m.local ",
+       {" ", "10.0.0.1", "10.0.0.1 "},
+       {"vpn.example", "m.local", "10.0.0.1"},
+       "vpn.example",
+       "10.0.0.1"},
+      {"nothing usable: local as stored", "", "  ", {"\t"}, {}, "  ", "None"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    RecoveryProfile profile;
+    profile.vpnHostname = c.vpn;
+    profile.localHostname = c.local;
+    profile.lastKnownLocalIPs = c.ips;
+    EXPECT_EQ(profile.recoveryHostCandidates(), c.candidates);
+    EXPECT_EQ(profile.connectionHost(), c.connectionHost);
+    EXPECT_EQ(profile.recentLocalIPSummary(), c.ipSummary);
+  }
+}
+
+TEST(RecoveryProfileTest, UserNamesAndVpnSummary) {
+  // {normalSSHUsername, fileVaultUsername, vpnHostname, normalUsername, vpnHostnameSummary}
+  const std::tuple<std::string, std::string, std::string, std::string, std::string> cases[] = {
+      {"   ", " ana\n", "", "ana", "Not set"},
+      {" admin ", "ana", "\u3000vpn.example\u3000", "admin", "vpn.example"},
+      {"", "", " \n", "", "Not set"},
+  };
+  for (const auto& [normal, fileVault, vpn, expectedNormal, expectedVpn] : cases) {
+    SCOPED_TRACE(expectedVpn);
+    RecoveryProfile profile;
+    profile.normalSSHUsername = normal;
+    profile.fileVaultUsername = fileVault;
+    profile.vpnHostname = vpn;
+    EXPECT_EQ(profile.normalUsername(), expectedNormal);
+    EXPECT_EQ(profile.vpnHostnameSummary(), expectedVpn);
+  }
+}
+
+}  // namespace
+}  // namespace harborkeeper

@@ -1,0 +1,180 @@
+#pragma once
+
+// A real sshd on loopback that behaves like a machine waiting at the FileVault
+// SSH prompt, with the tools to check what reaches it. Test and benchmark code
+// only; needs root (it adds and removes local users).
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "core/platform/command_runner.h"
+#include "core/platform/state_file_test_support.h"
+#include "core/platform/unique_fd.h"
+#include "core/recovery/recovery_profile.h"
+
+namespace harborkeeper::testing_support {
+
+// Lower-case letters only, so that the text never matches anything else by chance.
+std::string randomLetters(std::size_t count);
+
+// A local account with a random name (useradd -m), removed with its home when
+// destroyed. The password reaches chpasswd on standard input only.
+class ThrowawayUser final {
+ public:
+  explicit ThrowawayUser(std::string_view password);
+  ~ThrowawayUser();
+  ThrowawayUser(const ThrowawayUser&) = delete;
+  ThrowawayUser& operator=(const ThrowawayUser&) = delete;
+
+  [[nodiscard]] const std::string& name() const { return name_; }
+  // Empties the password, so that sshd lets the user in without one.
+  [[nodiscard]] bool clearPassword() const;
+
+ private:
+  std::string name_;
+};
+
+// sshd -D as a child of this process, killed with it (or with the thread that
+// started it: keep the harness on a thread that outlives it).
+class SshdProcess final {
+ public:
+  SshdProcess() = default;
+  SshdProcess(const std::string& config, const std::string& logFile);
+  SshdProcess(SshdProcess&& other) noexcept : pid_(std::exchange(other.pid_, -1)) {}
+  SshdProcess& operator=(SshdProcess&& other) noexcept;
+  ~SshdProcess() { stop(); }
+
+  [[nodiscard]] bool hasExited();
+  void stop();
+
+ private:
+  pid_t pid_ = -1;
+};
+
+// Locked: a pre-authentication banner with the FileVault notice, password
+// authentication for the FileVault user (whose forced command "unlocks" the
+// machine), and a normal user who cannot get in. Unlocked: no banner, and the
+// normal user gets in without any password (ssh -o BatchMode=yes ... exit).
+class LockedMacSshd final {
+ public:
+  static constexpr std::string_view lockedBanner =
+      "This system is locked. To unlock it, use a local account name and password.";
+
+  LockedMacSshd();
+  ~LockedMacSshd();
+  LockedMacSshd(const LockedMacSshd&) = delete;
+  LockedMacSshd& operator=(const LockedMacSshd&) = delete;
+
+  [[nodiscard]] std::string host() const { return "127.0.0.1"; }
+  [[nodiscard]] std::uint16_t port() const { return port_; }
+  [[nodiscard]] const std::string& fileVaultUser() const { return fileVaultUser_.name(); }
+  [[nodiscard]] const std::string& normalUser() const { return normalUser_.name(); }
+  [[nodiscard]] const std::string& password() const { return password_; }
+
+  // "SHA256:..." of the host key sshd serves now, by ssh-keygen -lf.
+  [[nodiscard]] std::string hostKeyFingerprint() const;
+  // This machine on its own: localHostname 127.0.0.1, its port and users, no
+  // saved key, requireVerifiedHostKey.
+  [[nodiscard]] RecoveryProfile profile() const;
+
+  // Stops sshd and starts it again on the same port with a new host key.
+  void restartWithNewHostKey();
+  // What a correct FileVault password does; the forced command triggers it
+  // through a flag file the harness watches.
+  bool unlock();
+  [[nodiscard]] bool isUnlocked() const { return unlocked_; }
+
+  // sshd's own log (-e).
+  [[nodiscard]] std::string log() const { return contentOf(dir_ / "sshd.log"); }
+  [[nodiscard]] std::size_t logLines(std::string_view text) const;
+
+ private:
+  void generateHostKey() const;
+  void writeConfig() const;
+  void start();
+  void watchForUnlock(const std::stop_token& stop);
+
+  const std::string password_;
+  TemporaryDirectory directory_;
+  const fs::path dir_ = directory_.path();
+  ThrowawayUser fileVaultUser_;
+  ThrowawayUser normalUser_;
+  std::uint16_t port_ = 0;
+  SshdProcess sshd_;
+  std::mutex unlocking_;
+  std::atomic<bool> unlocked_{false};
+  std::jthread watcher_;
+};
+
+// A free TCP port on 127.0.0.1 at the time of the call.
+std::uint16_t unusedLoopbackPort();
+
+// TCP listeners that complete every handshake (the kernel does) and never say
+// a word: a host whose SSH hangs before the first byte.
+class Tarpit final {
+ public:
+  // Port 0: one the system picks, the same on every address.
+  Tarpit(const std::vector<std::string>& addresses, std::uint16_t port = 0);
+  [[nodiscard]] std::uint16_t port() const { return port_; }
+
+ private:
+  std::vector<UniqueFd> listeners_;
+  std::uint16_t port_ = 0;
+};
+
+struct ToolCall {
+  std::string executable;
+  std::vector<std::string> arguments;
+  std::optional<std::string> standardInput;
+};
+
+// The real CommandRunner, remembering every call.
+class RecordingExecutor final : public CommandExecutor {
+ public:
+  explicit RecordingExecutor(double defaultTimeout = 30) : runner_(defaultTimeout) {}
+  CommandResult run(const std::string& executable, const std::vector<std::string>& arguments,
+                    std::optional<std::string_view> standardInput = std::nullopt,
+                    std::optional<double> timeout = std::nullopt) const noexcept override;
+  [[nodiscard]] std::vector<ToolCall> calls() const;
+
+ private:
+  CommandRunner runner_;
+  mutable std::mutex mutex_;
+  mutable std::vector<ToolCall> calls_;
+};
+
+// Reads the command line and environment of every process, again and again,
+// looking for a secret, until finished.
+class ProcessScan final {
+ public:
+  struct Findings {
+    std::size_t rounds = 0;
+    // Processes whose command line holds `witness` as one argument: proof that
+    // the scan saw the processes that mattered.
+    std::size_t witnessed = 0;
+    std::set<std::string> leaks;  // "pid cmdline|environ"
+  };
+
+  ProcessScan(std::string secret, std::string witness);
+  Findings finish();
+
+ private:
+  void scan(const std::stop_token& stop);
+
+  const std::string secret_;
+  const std::string witness_;
+  Findings findings_;
+  std::set<std::string> witnessedPids_;
+  std::jthread thread_;
+};
+
+}  // namespace harborkeeper::testing_support
