@@ -16,6 +16,8 @@
 #include <climits>
 #include <utility>
 
+#include "core/foundation/bytes.h"
+#include "core/platform/internal/process_spawn.h"
 #include "core/platform/internal/retry.h"
 
 namespace harborkeeper {
@@ -108,22 +110,12 @@ void resetSignals() noexcept {
   reportAndExit(plan.statusFd);
 }
 
-std::vector<char*> argumentVector(const std::string& executable, const std::vector<std::string>& arguments) {
-  std::vector<char*> argv;
-  argv.reserve(arguments.size() + 2);
-  // execve takes char* const[] for historical reasons; it never writes.
-  argv.push_back(const_cast<char*>(executable.c_str()));
-  for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
-  return argv;
-}
-
 void appendWithoutCopies(std::string& buffer, std::string_view bytes) {
   if (buffer.size() + bytes.size() > buffer.capacity()) {
     std::string larger;
     larger.reserve(std::max(buffer.capacity() * 2, buffer.size() + bytes.size()));
     larger.append(buffer);
-    ::explicit_bzero(buffer.data(), buffer.size());
+    secureWipe(buffer);
     buffer.swap(larger);
   }
   buffer.append(bytes);
@@ -152,7 +144,7 @@ void PseudoTerminalProcess::start(const std::string& executable, const std::vect
   UniqueFd statusWrite(pipeFds[1]);
   if (!moveAboveStandardStreams(statusWrite)) return fail(StartFailure::launch, errno);
 
-  const auto argv = argumentVector(executable, arguments);
+  const auto argv = internal::argumentVector(executable, arguments);
   char* const emptyEnvironment[] = {nullptr};
   const ChildPlan plan{executable.c_str(), argv.data(), emptyEnvironment, terminal.secondary.get(),
                        statusWrite.get()};

@@ -1,12 +1,10 @@
 #include "core/recovery/interactive_ssh_unlock_runner.h"
 
-#include <string.h>
-
 #include <algorithm>
-#include <cstring>
 #include <thread>
 #include <utility>
 
+#include "core/foundation/bytes.h"
 #include "core/foundation/text.h"
 #include "core/platform/pseudo_terminal_process.h"
 
@@ -23,11 +21,6 @@ constexpr std::string_view kUnlockedNotice = "system successfully unlocked";
 // The pty takes a password line at once; this only bounds a child that never reads.
 constexpr milliseconds kWriteLimit{1'000};
 
-void wipe(std::string& secret) {
-  ::explicit_bzero(secret.data(), secret.size());
-  secret.clear();
-}
-
 // Owns every buffer that may hold the password (the terminal may echo it) and
 // wipes them all however the run ends.
 struct SessionBuffers {
@@ -38,15 +31,15 @@ struct SessionBuffers {
   SessionBuffers(const SessionBuffers&) = delete;
   SessionBuffers& operator=(const SessionBuffers&) = delete;
   ~SessionBuffers() {
-    wipe(transcript);
-    wipe(decoded);
-    wipe(lowered);
+    secureWipe(transcript);
+    secureWipe(decoded);
+    secureWipe(lowered);
   }
 
   void decode() {
-    wipe(decoded);
+    secureWipe(decoded);
     decoded = text::repairedUtf8(transcript);
-    wipe(lowered);
+    secureWipe(lowered);
     lowered = text::lowercased(decoded);
   }
   [[nodiscard]] bool shows(std::string_view needle) const {
@@ -59,7 +52,7 @@ bool writeLine(PseudoTerminalProcess& ssh, std::string_view password) {
   line.reserve(password.size() + 1);
   line.append(password).push_back('\n');
   const bool written = ssh.writeAll(line, kWriteLimit);
-  wipe(line);
+  secureWipe(line);
   return written;
 }
 

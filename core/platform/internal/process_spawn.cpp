@@ -96,17 +96,17 @@ class FileActions final {
   posix_spawn_file_actions_t actions_;
 };
 
+}  // namespace
+
 std::vector<char*> argumentVector(const std::string& executable, const std::vector<std::string>& arguments) {
   std::vector<char*> argv;
   argv.reserve(arguments.size() + 2);
-  // posix_spawn takes char* const[] for historical reasons; it never writes.
+  // exec and posix_spawn take char* const[] for historical reasons; neither writes.
   argv.push_back(const_cast<char*>(executable.c_str()));
   for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
   return argv;
 }
-
-}  // namespace
 
 LaunchedTool launchTool(const std::string& executable, const std::vector<std::string>& arguments,
                         bool withInput) {

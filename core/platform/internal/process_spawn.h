@@ -25,4 +25,8 @@ struct LaunchedTool {
 LaunchedTool launchTool(const std::string& executable, const std::vector<std::string>& arguments,
                         bool withInput);
 
+// The null-terminated argv of exec and posix_spawn; it points into the given
+// strings, which must outlive it.
+std::vector<char*> argumentVector(const std::string& executable, const std::vector<std::string>& arguments);
+
 }  // namespace harborkeeper::internal
