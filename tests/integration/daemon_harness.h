@@ -4,21 +4,13 @@
 // directory, with a stand-in fdesetup and a trusted-client registry that lists
 // the built CLI. Test code only; needs root.
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <functional>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -30,16 +22,9 @@
 #include "core/platform/state_file_test_support.h"
 #include "core/protection/helper_constants.h"
 
+#include "tests/integration/child_process.h"
+
 namespace harborkeeper::testing_support {
-
-using namespace std::chrono_literals;
-
-// Polls `condition` every 10 ms until it holds or `limit` passes.
-inline bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = 5s) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!condition() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(10ms);
-  return condition();
-}
 
 // Copies `from` to `to` (its directory made 0700) with `mode`; the copy's canonical path.
 inline std::string copyExecutable(const fs::path& from, const fs::path& to, fs::perms mode) {
@@ -80,29 +65,16 @@ class Daemon final {
                                         dir / "state", "--trusted-clients", dir / "registry.plist", "--tool",
                                         "fdesetup=" + tool, "--tool", "pmset=/bin/true", "--trust-client",
                                         fs::canonical("/proc/self/exe"), "--log", "stderr"});
-    std::vector<char*> argv;
-    for (std::string& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;  // standard output and error to the log
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, (dir / "daemon.log").c_str(), O_WRONLY | O_CREAT, 0600);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    EXPECT_EQ(::posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
+    process_ = ChildProcess(arguments, dir / "daemon.log", true);
     // Ready once it says so, without a probe connection that would count against its limit.
     if (!eventually([&] { return log().find(" started on ") != std::string::npos; }, 10s))
       ADD_FAILURE() << "not ready:\n" << log();
   }
-  ~Daemon() { stop(SIGKILL); }
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
 
   // Sends `signal` and waits for the daemon to exit; its wait status.
-  int stop(int signal) {
-    int status = -1;
-    if (pid_ > 0 && ::kill(pid_, signal) == 0 && ::waitpid(pid_, &status, 0) == pid_) pid_ = -1;
-    return status;
-  }
+  int stop(int signal) { return process_.stop(signal); }
 
   // Runs the CLI with --socket and `arguments`.
   CliOutcome cli(std::vector<std::string> arguments, const std::string& executable = builtCli()) const {
@@ -136,12 +108,7 @@ class Daemon final {
 
   [[nodiscard]] std::string socket() const { return dir / "helper.sock"; }
   [[nodiscard]] std::string log() const { return contentOf(dir / "daemon.log"); }
-  [[nodiscard]] std::size_t logLines(std::string_view text) const {
-    std::istringstream lines(log());
-    std::size_t count = 0;
-    for (std::string line; std::getline(lines, line);) count += line.find(text) != std::string::npos;
-    return count;
-  }
+  [[nodiscard]] std::size_t logLines(std::string_view text) const { return linesContaining(log(), text); }
   // The arguments of each run of the stand-in fdesetup, one line per run.
   [[nodiscard]] std::string toolRuns() const { return contentOf(dir / "tools/invocations.log"); }
 
@@ -149,7 +116,7 @@ class Daemon final {
   const fs::path dir = directory.path();
 
  private:
-  pid_t pid_ = -1;
+  ChildProcess process_;
 };
 
 // Every test of the daemon: skipped unless root.

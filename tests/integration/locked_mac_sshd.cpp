@@ -1,14 +1,9 @@
 #include "tests/integration/locked_mac_sshd.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <grp.h>
 #include <netinet/in.h>
 #include <pwd.h>
-#include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,8 +18,6 @@
 
 namespace harborkeeper::testing_support {
 namespace {
-
-using namespace std::chrono_literals;
 
 // Parallel test programs add users too; useradd and friends fail rather than
 // wait while another holds the account files' lock.
@@ -97,49 +90,6 @@ bool ThrowawayUser::clearPassword() const {
   return runAccountTool("/usr/bin/passwd", {"-d", name_}).exitCode == 0;
 }
 
-SshdProcess::SshdProcess(const std::string& config, const std::string& logFile) {
-  const UniqueFd log(::open(logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
-  const UniqueFd nothing(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-  if (!log || !nothing) throw std::system_error(errno, std::generic_category(), "sshd log");
-  // Everything the child needs is prepared before fork: it may only make system calls.
-  const char* const argv[] = {"/usr/sbin/sshd", "-D", "-e", "-f", config.c_str(), nullptr};
-  const char* const environment[] = {nullptr};
-  const pid_t parent = ::getpid();
-  pid_ = ::fork();
-  if (pid_ < 0) throw std::system_error(errno, std::generic_category(), "fork");
-  if (pid_ == 0) {
-    // A test that crashes must not leave a listening sshd behind.
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (::getppid() != parent) ::_exit(127);
-    ::dup2(nothing.get(), 0);
-    ::dup2(log.get(), 1);
-    ::dup2(log.get(), 2);
-    ::close_range(3, ~0U, 0);
-    ::execve(argv[0], const_cast<char* const*>(argv), const_cast<char* const*>(environment));
-    ::_exit(127);
-  }
-}
-
-SshdProcess& SshdProcess::operator=(SshdProcess&& other) noexcept {
-  if (this != &other) {
-    stop();
-    pid_ = std::exchange(other.pid_, -1);
-  }
-  return *this;
-}
-
-bool SshdProcess::hasExited() {
-  if (pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == pid_) pid_ = -1;
-  return pid_ < 0;
-}
-
-void SshdProcess::stop() {
-  if (pid_ <= 0) return;
-  ::kill(pid_, SIGTERM);
-  ::waitpid(pid_, nullptr, 0);
-  pid_ = -1;
-}
-
 LockedMacSshd::LockedMacSshd()
     : password_(randomLetters(10) + "-" + randomLetters(10)),
       fileVaultUser_(password_),
@@ -208,13 +158,6 @@ bool LockedMacSshd::unlock() {
   return unlocked_;
 }
 
-std::size_t LockedMacSshd::logLines(std::string_view text) const {
-  std::istringstream lines(log());
-  std::size_t count = 0;
-  for (std::string line; std::getline(lines, line);) count += line.find(text) != std::string::npos;
-  return count;
-}
-
 void LockedMacSshd::generateHostKey() const {
   fs::remove(dir_ / "host_key");
   fs::remove(dir_ / "host_key.pub");
@@ -241,13 +184,10 @@ void LockedMacSshd::writeConfig() const {
 void LockedMacSshd::start() {
   writeConfig();
   const std::size_t before = logLines("Server listening on");
-  sshd_ = SshdProcess(dir_ / "sshd_config", dir_ / "sshd.log");
-  const auto deadline = std::chrono::steady_clock::now() + 10s;
-  while (logLines("Server listening on") == before) {
-    if (sshd_.hasExited() || std::chrono::steady_clock::now() > deadline) {
-      throw std::runtime_error("sshd did not start:\n" + log());
-    }
-    std::this_thread::sleep_for(10ms);
+  sshd_ = ChildProcess({"/usr/sbin/sshd", "-D", "-e", "-f", dir_ / "sshd_config"}, dir_ / "sshd.log", false);
+  if (!eventually([&] { return sshd_.hasExited() || logLines("Server listening on") > before; }, 10s) ||
+      sshd_.hasExited()) {
+    throw std::runtime_error("sshd did not start:\n" + log());
   }
 }
 

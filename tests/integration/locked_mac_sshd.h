@@ -4,8 +4,6 @@
 // SSH prompt, with the tools to check what reaches it. Test and benchmark code
 // only; needs root (it adds and removes local users).
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <cstdint>
 #include <mutex>
@@ -20,6 +18,8 @@
 #include "core/platform/state_file_test_support.h"
 #include "core/platform/unique_fd.h"
 #include "core/recovery/recovery_profile.h"
+
+#include "tests/integration/child_process.h"
 
 namespace harborkeeper::testing_support {
 
@@ -41,23 +41,6 @@ class ThrowawayUser final {
 
  private:
   std::string name_;
-};
-
-// sshd -D as a child of this process, killed with it (or with the thread that
-// started it: keep the harness on a thread that outlives it).
-class SshdProcess final {
- public:
-  SshdProcess() = default;
-  SshdProcess(const std::string& config, const std::string& logFile);
-  SshdProcess(SshdProcess&& other) noexcept : pid_(std::exchange(other.pid_, -1)) {}
-  SshdProcess& operator=(SshdProcess&& other) noexcept;
-  ~SshdProcess() { stop(); }
-
-  [[nodiscard]] bool hasExited();
-  void stop();
-
- private:
-  pid_t pid_ = -1;
 };
 
 // Locked: a pre-authentication banner with the FileVault notice, password
@@ -95,7 +78,7 @@ class LockedMacSshd final {
 
   // sshd's own log (-e).
   [[nodiscard]] std::string log() const { return contentOf(dir_ / "sshd.log"); }
-  [[nodiscard]] std::size_t logLines(std::string_view text) const;
+  [[nodiscard]] std::size_t logLines(std::string_view text) const { return linesContaining(log(), text); }
 
  private:
   void generateHostKey() const;
@@ -109,7 +92,7 @@ class LockedMacSshd final {
   ThrowawayUser fileVaultUser_;
   ThrowawayUser normalUser_;
   std::uint16_t port_ = 0;
-  SshdProcess sshd_;
+  ChildProcess sshd_;
   std::mutex unlocking_;
   std::atomic<bool> unlocked_{false};
   std::jthread watcher_;
