@@ -42,8 +42,7 @@ struct Call {
   std::vector<std::string> arguments;
   std::optional<std::string> input;
   double timeout = 0;
-  std::string knownHostsPath;
-  std::string knownHosts;  // its text and mode while the tool ran
+  std::string knownHostsPath, knownHosts;  // its text and mode while the tool ran
   fs::perms knownHostsMode = fs::perms::none;
 };
 
@@ -194,6 +193,7 @@ TEST(CompanionRecoveryServiceTest, BothCaptureOrdersResolveAlikeAndNeverPassAnOp
   const std::string changed(Service::hostKeyChangedMessage);
   const std::string firstUse(Service::hostKeyFirstUseConfirmationMessage);
   const std::string required(Service::hostKeyVerificationRequiredMessage);
+  const std::string badUser = "Invalid SSH username.";
   const auto attention = [](const std::string& message, std::optional<std::string> key = std::nullopt) {
     return RecoveryTargetResolution(check(State::needsAttention, message, key ? "SHA256:" + *key : key));
   };
@@ -215,15 +215,10 @@ TEST(CompanionRecoveryServiceTest, BothCaptureOrdersResolveAlikeAndNeverPassAnOp
       {"", strict, "h1", attention(required), 1},
       {"A", strict, "h1", attention(kNotVerified), 1},
       {"A", strict, "-oProxyCommand h1", attention("Invalid hostname."), 1},
-      {"A", strict, "-oProxyCommand h1:B", attention(changed, "B"), 1},
-      {"", best, "-oProxyCommand", attention("Invalid hostname."), 0},
       {"", best, "", check(State::offline, "Missing hostname."), 0},
-      {"", best, "h1:B", check(State::offline, "Invalid SSH port."), 0,
-       [](RecoveryProfile& p) { p.sshPort = 0; }},
-      {"", best, "h1:B", attention("Invalid SSH username."), 0,
-       [](RecoveryProfile& p) { p.fileVaultUsername = " -X"; }},
-      {"", best, "h1:B", attention("Invalid SSH username."), 0,
-       [](RecoveryProfile& p) { p.normalSSHUsername = "-l"; }},
+      {"", best, "h1:B", check(State::offline, "Invalid SSH port."), 0, [](auto& p) { p.sshPort = 0; }},
+      {"", best, "h1:B", attention(badUser), 0, [](auto& p) { p.fileVaultUsername = " -X"; }},
+      {"", best, "h1:B", attention(badUser), 0, [](auto& p) { p.normalSSHUsername = "-l"; }},
   };
   for (const Case& row : cases) {
     for (const auto order : {HostKeyCaptureOrder::ordered, HostKeyCaptureOrder::concurrent}) {
@@ -263,8 +258,8 @@ TEST(CompanionRecoveryServiceTest, CheckProbesThroughPrivateKnownHostsFileThenAs
       {says("Password:"), says(denied),
        check(State::sshReachable,
              "Mac is reachable, but SSH authentication did not prove FileVault is locked.", fp)},
+      // A normal user who cannot get in leaves the first answer standing.
       {says("Password:"), kRefused, check(State::locked, ambiguous, fp, true)},
-      {kRefused, kRefused, check(State::offline, "Mac is not reachable.", fp)},
   };
   for (const auto& [first, second, expected] : cases) {
     SCOPED_TRACE(first.standardOutput + "|" + first.standardError);
@@ -283,8 +278,8 @@ TEST(CompanionRecoveryServiceTest, CheckProbesThroughPrivateKnownHostsFileThenAs
                                         "-o", "ConnectTimeout=5", "-o", "ConnectionAttempts=1", "-o",
                                         "StrictHostKeyChecking=yes", "-o", "UserKnownHostsFile=" + path, "-o",
                                         "GlobalKnownHostsFile=/dev/null", "admin@h1", "exit"}));
-    EXPECT_EQ(fs::path(path).parent_path(), fs::temp_directory_path());
-    EXPECT_THAT(path, testing::HasSubstr("/Harborkeeper-known-hosts-"));
+    EXPECT_THAT(path,
+                testing::StartsWith((fs::temp_directory_path() / "Harborkeeper-known-hosts-").string()));
     for (const Call& probe : probes) {
       EXPECT_EQ(probe.timeout, 8);
       EXPECT_EQ(probe.knownHosts, keyLine("h1") + "\n");
@@ -307,27 +302,20 @@ TEST(CompanionRecoveryServiceTest, UnverifiedTargetSkipsKeyCheckingAndFileGoesEv
   throwing.sshThrows = true;
   EXPECT_THROW((void)throwing.service().checkRecoveryState(profileFor({"h1"}, "SHA256:A")),
                std::runtime_error);
-  const std::string path = throwing.callsTo(kSsh).at(0).knownHostsPath;
-  EXPECT_THAT(path, testing::HasSubstr("Harborkeeper-known-hosts-"));
-  EXPECT_FALSE(fs::exists(path));
+  EXPECT_FALSE(fs::exists(throwing.callsTo(kSsh).at(0).knownHostsPath));
 }
 
 TEST(CompanionRecoveryServiceTest, UnlockSendsPasswordOnlyToLockedMacThenWaitsForIt) {
   const CommandResult ok = says("Password:\nSystem successfully unlocked.", 0);
   const CommandResult locked = says(kLockedOut);
   const std::string notNeeded = "Recovery is not needed right now.";
+  const std::string rejected = "The FileVault password was rejected.";
   // Replies to the first probe, the unlock and the normal user's probes; the answer; the waits.
   const std::tuple<CommandResult, CommandResult, std::vector<CommandResult>, State, std::string, std::size_t>
       cases[] = {
-          {says("", 0), ok, {}, State::online, notNeeded, 0},
           {says("Permission denied (publickey)."), ok, {}, State::online, notNeeded, 0},
           {kRefused, ok, {}, State::offline, "Mac is not reachable.", 0},
-          {locked,
-           says("Sorry, try again."),
-           {},
-           State::needsAttention,
-           "The FileVault password was rejected.",
-           0},
+          {locked, says("Sorry, try again."), {}, State::needsAttention, rejected, 0},
           {locked, ok, {kRefused, locked, says("Password:")}, State::online, "Mac is back online.", 3},
           {locked, ok, {says("kex reset")}, State::needsAttention, kUnclear, 1},
           {locked, ok, {kRefused}, State::booting, "Mac unlocked. Waiting for normal reachability.", 3},
@@ -408,7 +396,7 @@ TEST(CompanionRecoveryServiceTest, CaptureTrimsHostAndReducesKeyToFingerprint) {
 
 TEST(CompanionReachabilityServiceTest, ChecksPortWithNcAndExplainsFailure) {
   const std::tuple<std::string, std::int64_t, CommandResult, CompanionReachabilityResult> cases[] = {
-      {" studio.local\n", 2222, says("", 0), {true, "Mac is reachable."}},
+      {" h1\n", 2222, says("", 0), {true, "Mac is reachable."}},
       {"h1", 22, {"", "", -2, true}, {false, "Recovery check timed out."}},
       {"h1", 22, {"out", "nc: connect failed", 1, false}, {false, "nc: connect failed"}},
       {"h1", 22, says("out", 1), {false, "out"}},
@@ -425,12 +413,11 @@ TEST(CompanionReachabilityServiceTest, ChecksPortWithNcAndExplainsFailure) {
     EXPECT_EQ(CompanionReachabilityService(nc).checkSSH(host, port), expected);
     const bool refused = expected.message.starts_with("Invalid") || expected.message.starts_with("Missing");
     EXPECT_EQ(nc.calls.empty(), refused);
+    for (const Call& call : nc.calls) {
+      EXPECT_EQ(call.arguments, (std::vector<std::string>{"-w", "3", "-z", "h1", std::to_string(port)}));
+      EXPECT_EQ(call.timeout, 5);
+    }
   }
-  ScriptedTools nc;
-  (void)CompanionReachabilityService(nc).checkSSH("h1", 22);
-  EXPECT_EQ(nc.calls.at(0).tool, "/usr/bin/nc");
-  EXPECT_EQ(nc.calls.at(0).arguments, (std::vector<std::string>{"-w", "3", "-z", "h1", "22"}));
-  EXPECT_EQ(nc.calls.at(0).timeout, 5);
 }
 
 TEST(SSHUnlockCommandBuilderTest, CommandsQuoteWhatTheShellWouldRead) {
@@ -438,7 +425,6 @@ TEST(SSHUnlockCommandBuilderTest, CommandsQuoteWhatTheShellWouldRead) {
   profile.vpnHostname = "studio.vpn";
   profile.localHostname = "studio.local";
   const SSHUnlockCommandBuilder builder;
-  EXPECT_EQ(builder.command(profile), "ssh admin@studio.vpn");
   EXPECT_THAT(builder.commands(profile),
               testing::ElementsAre("ssh admin@studio.vpn", "ssh admin@studio.local", "ssh admin@10.0.0.5"));
   profile = profileFor({});

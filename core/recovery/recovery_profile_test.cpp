@@ -6,7 +6,6 @@ namespace harborkeeper {
 namespace {
 
 using json::Json;
-using namespace std::chrono;
 
 // Every required key; of the others only nulls, which count as absent.
 Json minimalStored() {
@@ -17,53 +16,40 @@ Json minimalStored() {
       "normalSSHUsername": ""})");
 }
 
-RecoveryProfile fullProfile() {
-  return {"E621E1F8-C36C-495A-93FC-0C247A3E6E5F",
-          "Studio",
-          "studio.local",
-          2222,
-          "SHA256:abc",
-          RecoveryHostKeyTrustPolicy::allowUnverifiedLocalNetwork,
-          {"10.0.0.2", "fe80::1"},
-          Date(sys_days(2026y / 11 / 15) + 16h + 20min),
-          "ana",
-          RecoveryCredentialPolicy::oneClick,
-          ListenerApprovalPolicy::requirePhoneApproval,
-          "closet \"rack\"",
-          "studio.vpn",
-          "admin",
-          "item-1",
-          Date(sys_days(2026y / 1 / 2)),
-          "session-9",
-          "00:11:22:33:44:55",
-          "192.168.1.255",
-          7};
+// Every key, none at its default.
+Json fullStored() {
+  return Json::parse(R"({
+      "id": "E621E1F8-C36C-495A-93FC-0C247A3E6E5F", "macName": "Studio", "localHostname": "studio.local",
+      "sshPort": 2222, "hostKeyFingerprint": "SHA256:abc", "hostKeyTrustPolicy": "allowUnverifiedLocalNetwork",
+      "lastKnownLocalIPs": ["10.0.0.2", "fe80::1"], "lastSuccessfulReachability": "2026-11-15T16:20:00Z",
+      "fileVaultUsername": "ana", "credentialPolicy": "oneClick", "listenerApprovalPolicy": "requirePhoneApproval",
+      "notes": "closet \"rack\"", "vpnHostname": "studio.vpn", "normalSSHUsername": "admin",
+      "credentialItemIdentifier": "item-1", "pairedAt": "2026-01-02T00:00:00Z",
+      "lastPairingSessionIdentifier": "session-9", "wakeOnLANMACAddress": "00:11:22:33:44:55",
+      "wakeOnLANBroadcastAddress": "192.168.1.255", "wakeOnLANPort": 7})");
 }
 
-TEST(RecoveryProfileCodingTest, MissingDefaultsDecodeWithTheirDefaults) {
+TEST(RecoveryProfileCodingTest, AbsentOptionalKeysTakeTheirDefaults) {
   const RecoveryProfile profile = decodeRecoveryProfile(minimalStored());
   EXPECT_EQ(profile.id, "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
-  EXPECT_EQ(profile.sshPort, 22);
   EXPECT_EQ(profile.hostKeyTrustPolicy, RecoveryHostKeyTrustPolicy::requireVerifiedHostKey);
   EXPECT_EQ(profile.listenerApprovalPolicy, ListenerApprovalPolicy::allowTrustedListener);
-  EXPECT_EQ(profile.wakeOnLANMACAddress, "");
-  EXPECT_EQ(profile.wakeOnLANBroadcastAddress, "");
   EXPECT_EQ(profile.wakeOnLANPort, 9);
+  EXPECT_TRUE(profile.wakeOnLANMACAddress.empty() && profile.wakeOnLANBroadcastAddress.empty());
   EXPECT_FALSE(profile.pairedAt || profile.credentialItemIdentifier || profile.lastSuccessfulReachability);
 }
 
 TEST(RecoveryProfileCodingTest, FullProfileRoundTrips) {
-  const RecoveryProfile profile = fullProfile();
-  const Json encoded = encodeRecoveryProfile(profile);
-  EXPECT_EQ(encoded.size(), recoveryProfileCodingKeys().size());
-  EXPECT_EQ(encoded["pairedAt"], "2026-01-02T00:00:00Z");
-  EXPECT_EQ(decodeRecoveryProfile(json::parse(json::serialize(encoded))), profile);
+  const Json stored = fullStored();
+  ASSERT_EQ(stored.size(), recoveryProfileCodingKeys().size());
+  const RecoveryProfile profile = decodeRecoveryProfile(stored);
+  EXPECT_EQ(encodeRecoveryProfile(profile), stored);
 
   RecoveryProfile bare = profile;
   bare.pairedAt.reset();
   bare.credentialItemIdentifier.reset();
   EXPECT_FALSE(encodeRecoveryProfile(bare).contains("pairedAt"));
-  EXPECT_EQ(decodeRecoveryProfile(encodeRecoveryProfile(bare)), bare);
+  EXPECT_EQ(decodeRecoveryProfile(json::parse(json::serialize(encodeRecoveryProfile(bare)))), bare);
 }
 
 TEST(RecoveryProfileCodingTest, BadStoredValuesNameTheKeyNotTheValue) {
@@ -76,10 +62,8 @@ TEST(RecoveryProfileCodingTest, BadStoredValuesNameTheKeyNotTheValue) {
       {"wakeOnLANPort", "9", "\"wakeOnLANPort\" must be an integer."},
       {"macName", missing, "\"macName\" is missing."},
       {"macName", Json(nullptr), "\"macName\" must be a string."},
-      {"notes", 3, "\"notes\" must be a string."},
       {"id", "not-a-uuid", "\"id\" is not a UUID."},
       {"credentialPolicy", "AskEveryTime", "\"credentialPolicy\" has an unknown value."},
-      {"hostKeyTrustPolicy", "trustAll", "\"hostKeyTrustPolicy\" has an unknown value."},
       {"listenerApprovalPolicy", 1, "\"listenerApprovalPolicy\" must be a string."},
       {"lastKnownLocalIPs", missing, "\"lastKnownLocalIPs\" is missing."},
       {"lastKnownLocalIPs", "10.0.0.1", "\"lastKnownLocalIPs\" must be an array of strings."},
@@ -99,8 +83,7 @@ TEST(RecoveryProfileCodingTest, BadStoredValuesNameTheKeyNotTheValue) {
       decodeRecoveryProfile(stored);
       ADD_FAILURE() << "decoded";
     } catch (const RecoveryProfileDecodeError& error) {
-      EXPECT_EQ(error.what(), message);
-      EXPECT_EQ(error.key(), key);
+      EXPECT_EQ(std::pair(std::string(error.what()), error.key()), std::pair(message, key));
     }
   }
 }
@@ -122,20 +105,20 @@ TEST(RecoveryProfileTest, DerivedValues) {
   const Case cases[] = {
       {"ten addresses: first eight", "", "m.local", ten, localAndFirstEight, "m.local",
        "10.0.0.1, 10.0.0.2, 10.0.0.3, 10.0.0.4, 10.0.0.5, 10.0.0.6, 10.0.0.7, 10.0.0.8, 10.0.0.9, 10.0.0.10"},
-      {"vpn equal to local: once, first",
+      {"vpn is local",
        " m.local\n",
        "m.local",
-       {"m.local", "10.0.0.1"},
-       {"m.local", "10.0.0.1"},
+       {"m.local", "1.2.3.4"},
+       {"m.local", "1.2.3.4"},
        "m.local",
-       "m.local, 10.0.0.1"},
-      {"trimmed, empty and duplicates dropped",
-       "vpn.example",
+       "m.local, 1.2.3.4"},
+      {"cleaned",
+       "v.example",
        "\u00a0m.local ",
-       {" ", "10.0.0.1", "10.0.0.1 "},
-       {"vpn.example", "m.local", "10.0.0.1"},
-       "vpn.example",
-       "10.0.0.1"},
+       {" ", "1.2.3.4", "1.2.3.4 "},
+       {"v.example", "m.local", "1.2.3.4"},
+       "v.example",
+       "1.2.3.4"},
       {"nothing usable: local as stored", "", "  ", {"\t"}, {}, "  ", "None"},
   };
   for (const Case& c : cases) {
@@ -155,7 +138,6 @@ TEST(RecoveryProfileTest, UserNamesAndVpnSummary) {
   const std::tuple<std::string, std::string, std::string, std::string, std::string> cases[] = {
       {"   ", " ana\n", "", "ana", "Not set"},
       {" admin ", "ana", "\u3000vpn.example\u3000", "admin", "vpn.example"},
-      {"", "", " \n", "", "Not set"},
   };
   for (const auto& [normal, fileVault, vpn, expectedNormal, expectedVpn] : cases) {
     SCOPED_TRACE(expectedVpn);
