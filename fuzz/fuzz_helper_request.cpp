@@ -2,9 +2,10 @@
 // (and as replies, which a client reads from the daemon). Only ProtocolError may
 // refuse them, and whatever is accepted must survive re-encoding unchanged.
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <string>
+#include <tuple>
 #include <vector>
 
 #include "core/ipc/frame_codec.h"
@@ -14,59 +15,44 @@ namespace {
 
 using namespace harborkeeper;
 using namespace harborkeeper::ipc;
+using Kind = ProtocolError::Kind;
 
-struct Split {
+void require(bool holds) {
+  if (!holds) std::abort();
+}
+
+// The frames of `data` fed in pieces of `chunk` bytes; whether a bad header refused
+// the rest; whether a partial frame remains.
+std::tuple<std::vector<Bytes>, bool, bool> split(const std::uint8_t* data, std::size_t size,
+                                                 std::size_t chunk) {
   std::vector<Bytes> frames;
-  bool refused = false;
-  bool partial = false;
-};
-
-Split split(const std::uint8_t* data, std::size_t size, std::size_t chunk) {
-  Split result;
   FrameReader reader;
   try {
     for (std::size_t offset = 0; offset < size; offset += chunk) {
       reader.append(reinterpret_cast<const char*>(data + offset), std::min(chunk, size - offset));
-      while (auto payload = reader.next()) result.frames.push_back(std::move(*payload));
+      while (auto payload = reader.next()) frames.push_back(std::move(*payload));
     }
-    result.partial = reader.hasPartialFrame();
   } catch (const ProtocolError& error) {
-    if (error.kind() != ProtocolError::Kind::badLength) std::abort();
-    result.refused = true;
+    require(error.kind() == Kind::badLength);
+    return {frames, true, false};
   }
-  return result;
+  return {frames, false, reader.hasPartialFrame()};
 }
 
-void checkRequest(const Bytes& payload) {
-  Request request;
+void checkFrame(const Bytes& payload) {
   try {
-    request = decodeRequest(asStringView(payload));
+    const Request request = decodeRequest(asStringView(payload));
+    require(decodeRequest(asStringView(encodeRequest(request))) == request);
+    require(validateRequest(request).selector == request.selector);
   } catch (const ProtocolError& error) {
-    if (error.kind() != ProtocolError::Kind::notPropertyList &&
-        error.kind() != ProtocolError::Kind::badShape) {
-      std::abort();
-    }
-    return;
+    require(error.kind() == Kind::notPropertyList || error.kind() == Kind::badShape ||
+            error.kind() == Kind::unknownSelector || error.kind() == Kind::badArguments);
   }
-  if (decodeRequest(asStringView(encodeRequest(request))) != request) std::abort();
   try {
-    if (validateRequest(request).selector != request.selector) std::abort();
-  } catch (const ProtocolError& error) {
-    if (error.kind() != ProtocolError::Kind::unknownSelector &&
-        error.kind() != ProtocolError::Kind::badArguments) {
-      std::abort();
-    }
-  }
-}
-
-void checkReply(const Bytes& payload) {
-  Reply reply;
-  try {
-    reply = decodeReply(asStringView(payload));
+    const Reply reply = decodeReply(asStringView(payload));
+    require(decodeReply(asStringView(encodeReply(reply))) == reply);
   } catch (const ProtocolError&) {
-    return;
   }
-  if (decodeReply(asStringView(encodeReply(reply))) != reply) std::abort();
 }
 
 }  // namespace
@@ -74,26 +60,17 @@ void checkReply(const Bytes& payload) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   // Byte by byte, every frame before a bad header comes out; larger pieces may
   // stop at the bad header first, but never disagree.
-  const Split reference = split(data, size, 1);
+  const auto [frames, refused, partial] = split(data, size, 1);
   for (const std::size_t chunk : {std::size_t{3}, std::size_t{4096}, std::max(size, std::size_t{1})}) {
-    const Split other = split(data, size, chunk);
-    if (other.refused != reference.refused || other.partial != reference.partial) std::abort();
-    if (other.frames.size() > reference.frames.size() ||
-        !std::equal(other.frames.begin(), other.frames.end(), reference.frames.begin())) {
-      std::abort();
-    }
-    if (!reference.refused && other.frames.size() != reference.frames.size()) std::abort();
+    const auto [otherFrames, otherRefused, otherPartial] = split(data, size, chunk);
+    require(otherRefused == refused && otherPartial == partial &&
+            (refused ? otherFrames.size() <= frames.size() : otherFrames.size() == frames.size()) &&
+            std::equal(otherFrames.begin(), otherFrames.end(), frames.begin()));
   }
-  Bytes framed;
-  for (const Bytes& frame : reference.frames) {
-    const Bytes encoded = encodeFrame(frame);
-    framed.insert(framed.end(), encoded.begin(), encoded.end());
-  }
-  if (framed.size() > size || !std::equal(framed.begin(), framed.end(), data)) std::abort();
-  if (!reference.refused && (framed.size() < size) != reference.partial) std::abort();
-  for (const Bytes& frame : reference.frames) {
-    checkRequest(frame);
-    checkReply(frame);
-  }
+  // Re-encoded, the frames are the input up to a bad header or a partial frame.
+  std::string framed;
+  for (const Bytes& frame : frames) framed += toString(encodeFrame(frame)), checkFrame(frame);
+  require(std::string(reinterpret_cast<const char*>(data), size).starts_with(framed) &&
+          (refused || (framed.size() < size) == partial));
   return 0;
 }

@@ -1,12 +1,13 @@
 #include "core/foundation/plist.h"
 
 #include <chrono>
-#include <limits>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "core/foundation/text.h"
 
 namespace harborkeeper::plist {
 namespace {
@@ -14,15 +15,10 @@ namespace {
 using namespace std::chrono;
 using namespace std::string_literals;
 
-constexpr char kCorrupted[] = "The data couldn’t be read because it isn’t in the correct format.";
-constexpr char kMissing[] = "The data couldn’t be read because it is missing.";
-constexpr char kInvalidValue[] = "The data couldn’t be written because it isn’t in the correct format.";
 constexpr char kHeader[] =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
     "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n<plist version=\"1.0\">\n";
 
-auto throws(const char* text) { return testing::ThrowsMessage<DecodeError>(testing::StrEq(text)); }
-auto throwsEncodeError() { return testing::ThrowsMessage<EncodeError>(testing::StrEq(kInvalidValue)); }
 Date at(year_month_day day, microseconds offset = 0us) { return Date(sys_days(day) + offset); }
 std::string xml(std::string_view body) { return kHeader + std::string(body) + "</plist>\n"; }
 
@@ -42,23 +38,20 @@ std::string binaryPlist(const std::vector<std::string>& objects, unsigned refere
 
 // `depth` nested arrays, each holding the next, as XML or binary.
 std::string nestedArrays(std::uint64_t depth, Format format) {
+  std::vector<std::string> objects(depth, "\xA0");
+  for (std::uint64_t i = 1; i < depth; ++i) objects[i - 1] = "\xA1" + bigEndian(i, 4);
+  if (format == Format::binary) return binaryPlist(objects, 4);
   std::string open;
-  std::string close;
-  std::vector<std::string> objects;
-  for (std::uint64_t i = 1; i <= depth; ++i) {
-    open += "<array>", close += "</array>";
-    objects.push_back(i < depth ? "\xA1" + bigEndian(i, 4) : "\xA0");
-  }
-  return format == Format::xml ? xml(open + close) : binaryPlist(objects, 4);
+  for (std::uint64_t i = 0; i < depth; ++i) open += "<array>";
+  return xml(open + text::replacingOccurrences(open, "<", "</"));
 }
 
 TEST(PlistTest, RoundTripsEveryTypeBinaryExactlyXmlWithWholeSecondDates) {
+  // Beyond the types and limits the seed corpus round-trips: text that XML escapes or might
+  // trim, a real that prints inexactly, nested containers.
   for (const Value& value : std::initializer_list<Value>{
-           // Text with characters that XML escapes or might trim; numbers at their limits.
-           "", "Grüße, 東京 😀 \u2019", "<key>a & b</key> ]]> \"'", "  line\n\ttab\r\n  ", true, false, 0, -1,
-           std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max(), 0.1, -2.5e-300,
-           1.5e300, std::numeric_limits<double>::infinity(), Bytes{}, Bytes{0, '<', '&', 0x80, 0xFF}, Array{},
-           Dictionary{}, Dictionary{{"ünïcødé", Array{1, Dictionary{{"deep", Bytes{1}}}}}},
+           "", "<key>a & b</key> ]]> \"'", "  line\n\ttab\r\n  ", true, 0.1, 1.5e300,
+           Dictionary{{"ünïcødé", Array{1, Dictionary{{"deep", Bytes{0, '<', '&', 0x80, 0xFF}}}}}},
            // Dates around the 2001 reference date and 1970 (where libplist loses the
            // sign of the fraction), and past 2069 (beyond its 32-bit seconds).
            at(2026y / 11 / 15, 123456us), at(2001y / 1 / 1), at(2001y / 1 / 1, -250ms),
@@ -72,55 +65,49 @@ TEST(PlistTest, RoundTripsEveryTypeBinaryExactlyXmlWithWholeSecondDates) {
 }
 
 TEST(PlistTest, WritesTheUsualXmlDocumentAndReadsHandWrittenXml) {
-  const Dictionary dictionary{{"b", Array{true, 2}}, {"a", "x&y"}, {"c", Dictionary{}}};
-  EXPECT_EQ(toString(encode(dictionary, Format::xml)),
+  EXPECT_EQ(toString(encode(Dictionary{{"b", Array{2}}, {"a", "x&y"}, {"c", Dictionary{}}}, Format::xml)),
             xml("<dict>\n\t<key>a</key>\n\t<string>x&amp;y</string>\n\t<key>b</key>\n\t<array>\n"
-                "\t\t<true/>\n\t\t<integer>2</integer>\n\t</array>\n\t<key>c</key>\n\t<dict/>\n</dict>\n"));
-  // Read: a hand-written document.
-  const std::string document =
-      xml("<!-- by hand --><array> <string>caf&#xE9; &lt;&#65;&gt;</string>\n<integer> -42 </integer>"
-          "<real>2.5e1</real><date>2026-11-15T16:20:00Z</date><data> AAEC\n/w== </data><string/>"
-          "<string><![CDATA[<raw>]]></string><dict><key>a</key><true/><key>a</key><false/></dict></array>");
-  // A repeated key keeps its last value.
-  EXPECT_EQ(decode(document), Value(Array{"café <A>", -42, 25.0, at(2026y / 11 / 15, 16h + 20min),
-                                          Bytes{0, 1, 2, 0xFF}, "", "<raw>", Dictionary{{"a", false}}}));
+                "\t\t<integer>2</integer>\n\t</array>\n\t<key>c</key>\n\t<dict/>\n</dict>\n"));
+  // Read: what hand-written XML has beyond the seed corpus. A repeated key keeps its last value.
+  EXPECT_EQ(decode(xml("<!-- by hand --><array> <integer> -42 </integer>\n<real>2.5e1</real><string/>"
+                       "<string><![CDATA[<raw>]]></string><dict><key>a</key><true/><key>a</key><false/>"
+                       "</dict></array>")),
+            Value(Array{-42, 25.0, "", "<raw>", Dictionary{{"a", false}}}));
 }
 
 TEST(PlistTest, RefusesMalformedAndHostileInput) {
+  const auto corrupted = testing::ThrowsMessage<DecodeError>(testing::StrEq(DecodeError::corrupted().what()));
   const std::string valid = toString(encode(Dictionary{{"key", "value"}, {"n", 1}}, Format::binary));
   std::vector<std::string> doubling(40, "\xA0");  // each array holds the next twice: 2^40 values expanded
   for (int i = 0; i < 39; ++i) doubling[i] = "\xA2" + std::string(2, static_cast<char>(i + 1));
   // Truncated; XML: shape, entities, leaf text, dictionary structure, markup
-  // tricks, UTF-8; binary: UID, set, null, a NUL in a string, a non-string key,
+  // tricks, UTF-8; binary: UID, set, a NUL in a string, a non-string key,
   // a date 1e300 s away, an unsigned 16-byte integer, a cycle, a reference and a
   // length past the end; beyond 64 levels, and shared objects that would expand
   // without bound.
   for (const std::string& bytes : std::initializer_list<std::string>{
            "", "bplist00", valid.substr(0, valid.size() - 1),
            // XML
-           "<plist version=\"1.0\"><array><true/>", "<true/>", "<plist/>", xml("<true/><false/>"),
+           "<plist version=\"1.0\"><array><true/>", "<true/>", xml("<true/><false/>"),
            xml("<string>&foo;</string>"), xml("<string>a&#0;b</string>"),
            "<!DOCTYPE plist [<!ENTITY a \"aaaa\">]><plist><string>&a;</string></plist>",
-           xml("<integer>9223372036854775808</integer>"), xml("<integer>0x10</integer>"),
-           xml("<date>garbage</date>"), xml("<date>2024-02-30T00:00:00Z</date>"), xml("<real>1.5abc</real>"),
-           xml("<data>A</data>"), xml("<true>x</true>"), xml("<key>a</key>"),
-           xml("<dict><key>a</key></dict>"), xml("<dict><string>a</string><true/></dict>"),
-           "<plist version='>'><true/></plist>", xml("<array></dict>"),
-           xml("<array><plist><true/></plist></array>"), xml("<string>\xC3\x28</string>"),
+           xml("<integer>9223372036854775808</integer>"), xml("<date>2024-02-30T00:00:00Z</date>"),
+           xml("<real>1.5abc</real>"), xml("<data>A</data>"), xml("<dict><key>a</key></dict>"),
+           "<plist version='>'><true/></plist>", xml("<array></dict>"), xml("<string>\xC3\x28</string>"),
            // Binary
-           binaryPlist({"\x80\x01"s}), binaryPlist({"\xC0"}), binaryPlist({"\0"s}),
-           binaryPlist({"\x53\x61\x00\x62"s}), binaryPlist({"\xD1\x01\x02", "\x10\x01", "\x09"}),
+           binaryPlist({"\x80\x01"s}), binaryPlist({"\xC0"}), binaryPlist({"\x53\x61\x00\x62"s}),
+           binaryPlist({"\xD1\x01\x02", "\x10\x01", "\x09"}),
            binaryPlist({'\x33' + bigEndian(0x7E37E43C8800759C, 8)}),
            binaryPlist({"\x14" + bigEndian(0, 8) + bigEndian(~std::uint64_t{0}, 8)}),
            binaryPlist({"\xA1\x01", "\xA1\x00"s}), binaryPlist({"\xA1\x05"}), binaryPlist({"\x5F\x10\x7F"}),
            // Depth and expansion
            nestedArrays(65, Format::xml), nestedArrays(100000, Format::xml), nestedArrays(65, Format::binary),
            nestedArrays(100000, Format::binary), binaryPlist(doubling)}) {
-    EXPECT_THAT([&] { decode(bytes); }, throws(kCorrupted)) << bytes.substr(0, 60);
+    EXPECT_THAT([&] { decode(bytes); }, corrupted) << bytes.substr(0, 60);
   }
 }
 
-TEST(PlistTest, EncodesAndDecodesUpToTheLimitsAndAccessesTyped) {
+TEST(PlistTest, EncodesAndDecodesUpToTheLimits) {
   Value deepest = Array{};
   for (int depth = 1; depth < 64; ++depth) deepest = Array{deepest};
   for (const Format format : {Format::xml, Format::binary}) {
@@ -131,22 +118,14 @@ TEST(PlistTest, EncodesAndDecodesUpToTheLimitsAndAccessesTyped) {
             Value(Dictionary{{"x", "v"}, {"y", "v"}}));
   // An eight-byte integer is signed.
   EXPECT_EQ(decode(binaryPlist({"\x13" + bigEndian(~std::uint64_t{0}, 8)})), Value(-1));
-  for (const Value& value : std::initializer_list<Value>{
-           // Nothing is encoded that would not decode.
-           std::string("a\0b", 3), "\xFF\xFE", Dictionary{{std::string("k\0", 2), 1}}, Array{"\xC0\x80"},
-           Date::max(), Array{deepest}}) {
-    EXPECT_THAT([&] { encode(value, Format::xml); }, throwsEncodeError());
-    EXPECT_THAT([&] { encode(value, Format::binary); }, throwsEncodeError());
+  // Nothing is encoded that would not decode.
+  for (const Value& value :
+       std::initializer_list<Value>{std::string("a\0b", 3), "\xFF\xFE", Array{"\xC0\x80"},
+                                    Dictionary{{std::string("k\0", 2), 1}}, Date::max(), Array{deepest}}) {
+    for (const Format format : {Format::xml, Format::binary}) {
+      EXPECT_THROW(encode(value, format), EncodeError);
+    }
   }
-  // Typed access tells a missing entry from one of the wrong type.
-  const Dictionary d{{"text", "t"}, {"flag", true}, {"number", 7}};
-  EXPECT_TRUE(requireString(d, "text") == "t" && optionalString(d, "text") == "t" &&
-              !optionalString(d, "absent"));
-  EXPECT_THAT([&] { requireString(d, "absent"); }, throws(kMissing));
-  EXPECT_THAT([&] { requireString(d, "flag"); }, throws(kCorrupted));
-  EXPECT_THAT([&] { requireDate(d, "number"); }, throws(kCorrupted));
-  EXPECT_THAT([&] { optionalString(d, "number"); }, throws(kCorrupted));
-  EXPECT_THAT([] { asDictionary(Value(Array{})); }, throws(kCorrupted));
 }
 
 }  // namespace

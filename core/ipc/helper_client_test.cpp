@@ -3,7 +3,6 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <string>
@@ -19,6 +18,11 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing_support::outcome;
+
+// The reply a stand-in daemon gives: the request's first argument as text.
+Bytes echo(const Request& request) {
+  return encodeReply({request.id, textReply(*request.arguments.at(0).get<std::string>())});
+}
 
 // A stand-in daemon: hands each request of one connection to `respond` until the client leaves.
 struct FakeHelper {
@@ -40,41 +44,26 @@ struct FakeHelper {
   std::jthread thread;  // last, so it is joined first
 };
 
-TEST(HelperClientTest, OutstandingRequestsEachGetTheirOwnReplyInAnyOrder) {
-  std::vector<Request> held;
-  const FakeHelper server([&](FrameStream& stream, const Request& request) {
-    held.push_back(request);
-    if (held.size() < 3) return;
-    std::reverse(held.begin(), held.end());
-    for (const Request& each : held) {
-      stream.writeFrame(encodeReply({each.id, textReply(*each.arguments.at(0).get<std::string>())}));
-    }
-  });
-  const auto client = HelperClient::connect(server.path);
-  // One request and reply larger than the socket buffer, so each arrives in many reads.
-  const std::string arguments[] = {"a", std::string(maximumFrameLength / 2, 'b'), "c"};
-  std::vector<std::future<plist::Array>> replies;
-  for (const std::string& each : arguments) replies.push_back(client->send(selectors::helperVersion, {each}));
-  for (std::size_t i = 0; i < replies.size(); ++i) EXPECT_EQ(replies[i].get(), textReply(arguments[i]));
-}
-
 // Threads that each pipeline more requests than the socket buffers hold and then wait out
 // of order: the daemon blocks writing unless whichever sender or waiter holds the socket
 // drains replies for the others.
 TEST(HelperClientTest, ManyThreadsPipelineAndWaitInAnyOrder) {
-  const FakeHelper server([](FrameStream& stream, const Request& request) {
-    stream.writeFrame(encodeReply({request.id, textReply(*request.arguments.at(0).get<std::string>())}));
-  });
+  const FakeHelper server(
+      [](FrameStream& stream, const Request& request) { stream.writeFrame(echo(request)); });
   const auto client = HelperClient::connect(server.path);
   std::vector<std::jthread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
       std::vector<std::future<plist::Array>> futures;
-      for (int i = 0; i < 1500; ++i) futures.push_back(client->send(selectors::helperVersion, {std::to_string(t * 10000 + i)}));
-      for (int i = 1499; i >= 0; i -= 1 + t) ASSERT_EQ(futures[i].get(), textReply(std::to_string(t * 10000 + i)));
-      for (int i = 0; i < 1500; ++i) {
-        if (futures[i].valid()) {
-          ASSERT_EQ(futures[i].get(), textReply(std::to_string(t * 10000 + i)));
+      const auto text = [t](int i) {
+        return i == 7 ? std::string(maximumFrameLength / 2, char('a' + t)) : std::to_string(t * 10000 + i);
+      };
+      for (int i = 0; i < 1500; ++i) futures.push_back(client->send(selectors::helperVersion, {text(i)}));
+      // A stride first, then the rest, both from the newest down.
+      for (const int stride : {1 + t, 1}) {
+        for (int i = 1499; i >= 0; i -= stride) {
+          if (!futures[i].valid()) continue;
+          ASSERT_EQ(futures[i].get(), textReply(text(i)));
         }
       }
     });

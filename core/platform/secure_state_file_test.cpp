@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <functional>
-#include <stdexcept>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -34,19 +33,18 @@ struct SecureStateFileTest : testing::Test {
 TEST_F(SecureStateFileTest, MissingFileIsNothingUntilWrittenAndAfterRemoval) {
   // Looking creates nothing.
   EXPECT_TRUE(!file_.exists() && !file_.read() && !file_.remove() && !fs::exists(root_ / "parent"));
-  EXPECT_EQ(outcome<FileSystemError>([&] { file_.validate(); }),
-            "Could not inspect " + dir_.string() + ": No such file or directory.");
   file_.write(toBytes("a much longer first version"));
   file_.write(toBytes("short"));
   EXPECT_EQ(toString(file_.read().value()), "short");
-  const mode_t umaskNow = ::umask(0);
-  ::umask(umaskNow);
-  // Only the state directory is private; a missing parent gets the ordinary mode.
-  EXPECT_EQ(modeOf(root_ / "parent"), 0777u & ~umaskNow);
   EXPECT_TRUE(modeOf(dir_) == 0700u && modeOf(path_) == 0600u);
   EXPECT_EQ(entryCount(dir_), 1);  // no temporary file left behind
+  const std::string largest(SecureStateFile::maximumFileSize, 'a');
+  file_.write(toBytes(largest));
+  EXPECT_EQ(file_.read(), toBytes(largest));
+  file_.write(toBytes(largest + "a"));
+  EXPECT_EQ(outcome<FileSystemError>([&] { (void)file_.read(); }),
+            "Could not read " + path_.string() + ": File too large.");
   EXPECT_TRUE(file_.remove());
-
   fs::create_directory(path_);  // the directory stays; a file cannot be renamed over a directory
   EXPECT_EQ(outcome<FileSystemError>([&] { file_.write(toBytes("x")); }),
             "Could not replace " + path_.string() + ": Is a directory.");
@@ -58,8 +56,8 @@ TEST_F(SecureStateFileTest, MissingFileIsNothingUntilWrittenAndAfterRemoval) {
 // repairs a widened directory, but never writes through a linked directory.
 TEST_F(SecureStateFileTest, InsecureEntriesAreRefusedAndRepairedOnlyByWrite) {
   const fs::path moved = root_ / "moved";
+  // name, whether write repairs it, how the entry is spoilt, the refusal
   const std::tuple<const char*, bool, std::function<void()>, std::string> cases[] = {
-      // name, whether write repairs it, how the entry is spoilt, the refusal
       {"file widened", true, [&] { ::chmod(path_.c_str(), 0644); }, kFile + "Expected permissions 600."},
       {"dangling link", true, [&] { fs::remove(path_), fs::create_symlink("none", path_); }, kFile + kLink},
       {"fifo", true, [&] { fs::remove(path_), ::mkfifo(path_.c_str(), 0600); }, kFile + kType},
@@ -86,39 +84,6 @@ TEST_F(SecureStateFileTest, InsecureEntriesAreRefusedAndRepairedOnlyByWrite) {
               repairable ? "new" : expected);
     EXPECT_NE(contentOf(moved / "Status.plist"), "new");
   }
-}
-
-TEST_F(SecureStateFileTest, LoadRecordMapsEachFailureToItsKind) {
-  using E = std::runtime_error;
-  struct Errors {  // each kind has its own prefix
-    static E missingFile() { return E("missing"); }
-    static E insecureState(const std::string& detail) { return E("insecure: " + detail); }
-    static E readFailed(const std::string& detail) { return E("read: " + detail); }
-    static E writeFailed(const std::string& detail) { return E("write: " + detail); }
-    static E invalidValue(const std::string& detail) { return E("invalid: " + detail); }
-  };
-  const auto load = [&] {
-    return outcome<E>([&] {
-      return secure_store::loadRecord<E>(file_, Errors{}, [](const Bytes& bytes) {
-        if (toString(bytes) == "undecodable") throw std::invalid_argument("not a record");
-        if (toString(bytes) == "invalid") throw E("own error");  // the store's own error passes unchanged
-        return toString(bytes);
-      });
-    });
-  };
-  EXPECT_EQ(load(), "missing");
-  const std::string largest(SecureStateFile::maximumFileSize, 'a');
-  const std::pair<std::string, std::string> cases[] = {
-      {"undecodable", "invalid: not a record"},
-      {"invalid", "own error"},
-      {largest, largest},
-      {largest + "a", "read: Could not read " + path_.string() + ": File too large."}};
-  for (const auto& [content, expected] : cases) {
-    secure_store::writeRecord(file_, toBytes(content), Errors{});
-    EXPECT_EQ(load(), expected) << content.substr(0, 20);
-  }
-  fs::permissions(path_, fs::perms(0644));
-  EXPECT_EQ(load(), "insecure: " + kFile + "Expected permissions 600.");
 }
 
 }  // namespace

@@ -53,13 +53,15 @@ class Daemon final {
     plist::Array registry;
     extraClients.push_back(builtCli());
     for (const std::string& path : extraClients) {
-      registry.push_back(
-          plist::Dictionary{{"path", path},
-                            {"identifier", std::string(HelperConstants::appBundleIdentifier)},
-                            {"teamIdentifier", std::string(HelperConstants::developerTeamIdentifier)}});
+      plist::Dictionary entry;
+      entry.emplace("path", path);
+      entry.emplace("identifier", std::string(HelperConstants::appBundleIdentifier));
+      entry.emplace("teamIdentifier", std::string(HelperConstants::developerTeamIdentifier));
+      registry.emplace_back(std::move(entry));
     }
     writeRaw(dir / "registry.plist", toString(plist::encode(registry, plist::Format::xml)), fs::perms(0644));
     // A variable of our own in its environment, which the stand-in fdesetup must not see.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): set before the daemon starts; no thread of ours reads it.
     ::setenv("HARBORKEEPER_TEST_MARKER", "not-for-tools", 1);
     std::vector<std::string> arguments({HARBORKEEPER_HELPER_BIN, "--socket", socket(), "--state-dir",
                                         dir / "state", "--trusted-clients", dir / "registry.plist", "--tool",
@@ -67,8 +69,8 @@ class Daemon final {
                                         fs::canonical("/proc/self/exe"), "--log", "stderr"});
     process_ = ChildProcess(arguments, dir / "daemon.log", true);
     // Ready once it says so, without a probe connection that would count against its limit.
-    if (!eventually([&] { return log().find(" started on ") != std::string::npos; }, 10s))
-      ADD_FAILURE() << "not ready:\n" << log();
+    EXPECT_TRUE(eventually([&] { return log().find(" started on ") != std::string::npos; }, 10s))
+        << "not ready:\n" + log();
   }
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;

@@ -1,7 +1,6 @@
 // The real daemon on its socket, driven by the real CLI and by hostile peers.
 // Only an offending connection closes, without a reply, and the log names why
 // but never repeats what the peer sent.
-#include <atomic>
 #include <future>
 #include <latch>
 
@@ -19,27 +18,26 @@ namespace {
 using namespace testing_support;
 using ipc::selectors::helperVersion;
 
-const json::Json kTwoUsers = json::parse(
-    R"({"users": [{"displayName": "alice", "uuid": "5B6C1E8A-0F5E-4E2B-9C1D-3A2B1C0D9E8F"}, {"displayName": "bob"}]})");
-
-TEST_F(DaemonTest, VersionAndUsersFromTheToolRunWithOnlyItsArgumentAndNoEnvironment) {
+// The users reply, as Python reads it, is what the CLI shows as JSON.
+TEST_F(DaemonTest, DirectRequestsThroughTheCliWithTheToolRunWithOnlyItsArgumentAndNoEnvironment) {
   const Daemon daemon;
   EXPECT_EQ(daemon.cli({"version"}), CliOutcome(0, "1.3", ""));
   EXPECT_EQ(daemon.cli({"users"}), CliOutcome(0, "alice 5B6C1E8A-0F5E-4E2B-9C1D-3A2B1C0D9E8F\nbob", ""));
-  const auto [status, out, err] = daemon.cli({"users", "--json"});
-  EXPECT_EQ(status, 0) << err;
-  EXPECT_EQ(json::parse(out), kTwoUsers);
-  // The stand-in refuses other arguments and any environment but the shell's own PWD.
-  EXPECT_EQ(daemon.toolRuns(), "list\nlist\n");
-}
-
-TEST_F(DaemonTest, UsersReplyIsABinaryPropertyListPythonReadsAlike) {
-  const Daemon daemon;
-  writeRaw(daemon.dir / "users.plist", toString(daemon.client()->fileVaultUsersData().value()));
   const CommandResult decoded = CommandRunner(30).run(
-      HARBORKEEPER_PYTHON3, {HARBORKEEPER_TEST_TOOLS_DIR "/decode_plist.py", daemon.dir / "users.plist"});
+      HARBORKEEPER_PYTHON3, {HARBORKEEPER_TEST_TOOLS_DIR "/decode_plist.py", "/dev/stdin"},
+      toString(daemon.client()->fileVaultUsersData().value()));
   ASSERT_EQ(decoded.exitCode, 0) << decoded.standardError;
-  EXPECT_EQ(json::parse(decoded.standardOutput), kTwoUsers);
+  EXPECT_EQ(json::parse(decoded.standardOutput), json::parse(std::get<1>(daemon.cli({"users", "--json"}))));
+  // The stand-in refuses other arguments and any environment but the shell's own PWD.
+  EXPECT_EQ(daemon.toolRuns(), "list\nlist\nlist\n");
+
+  const CliOutcome none(1, "", "harborkeeper: No protection status is recorded.");
+  EXPECT_EQ(daemon.cli({"status"}), none);
+  EXPECT_EQ(daemon.cli({"status", "--json"}), none);
+  const Date at = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
+  ProtectionStatusStore(daemon.dir / "state", 0).store({HelperProtectionMode::nextRestart, true, at, "Set."});
+  const std::string attempt = "Attempted at " + date_time::formatInternetDateTime(at) + " (next restart)";
+  EXPECT_EQ(daemon.cli({"status"}), CliOutcome(0, "Protected for the next restart\nSet.\n" + attempt, ""));
 }
 
 TEST_F(DaemonTest, UnavailableUsersAreAFailureWithTheGenericDetail) {
@@ -47,27 +45,10 @@ TEST_F(DaemonTest, UnavailableUsersAreAFailureWithTheGenericDetail) {
   EXPECT_EQ(daemon.cli({"users"}),
             CliOutcome(1, "", "harborkeeper: Harborkeeper could not list FileVault-enabled users."));
   const auto [status, out, err] = daemon.cli({"users", "--json"});
-  EXPECT_EQ(status, 1);
-  EXPECT_EQ(json::parse(out), (json::Json{{"users", json::Json::array()},
-                                          {"unavailableReason", "fdesetup list failed with exit code 1."}}));
+  EXPECT_EQ(std::pair(status, json::parse(out)),
+            std::pair(1, json::Json{{"users", json::Json::array()},
+                                    {"unavailableReason", "fdesetup list failed with exit code 1."}}));
   EXPECT_EQ(daemon.toolRuns(), "list\nlist\n");  // the tool ran and failed, rather than not starting
-}
-
-TEST_F(DaemonTest, StatusShowsTheRecordTheStoreWrote) {
-  const Daemon daemon;
-  const CliOutcome none(1, "", "harborkeeper: No protection status is recorded.");
-  EXPECT_EQ(daemon.cli({"status"}), none);
-  EXPECT_EQ(daemon.cli({"status", "--json"}), none);
-
-  const Date armedAt = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
-  ProtectionStatusStore(daemon.dir / "state", 0)
-      .store({HelperProtectionMode::nextRestart, true, armedAt, "Armed."});
-  const std::string attempt =
-      "Attempted at " + date_time::formatInternetDateTime(armedAt) + " (next restart)";
-  EXPECT_EQ(daemon.cli({"status"}), CliOutcome(0, "Protected for the next restart\nArmed.\n" + attempt, ""));
-  const auto [status, out, err] = daemon.cli({"status", "--json"});
-  EXPECT_EQ(status, 0) << err;
-  EXPECT_EQ(json::parse(out).at("protectionState"), "Protected for the next restart");
 }
 
 // Refused at accept, before any request byte is read: no reply, nothing run.
@@ -81,9 +62,8 @@ TEST_F(DaemonTest, UntrustedCliCopiesGetNoReplyAndReachNothing) {
   fs::permissions(listed, fs::perms(0775));
 
   const std::string noReply = "harborkeeper: The Harborkeeper helper closed the connection without replying.";
-  for (const std::string& executable : {unlisted, listed}) {
-    EXPECT_EQ(daemon.cli({"users"}, executable), CliOutcome(3, "", noReply)) << executable;
-  }
+  EXPECT_EQ(daemon.cli({"users"}, unlisted), CliOutcome(3, "", noReply));
+  EXPECT_EQ(daemon.cli({"users"}, listed), CliOutcome(3, "", noReply));
   EXPECT_TRUE(eventually([&] { return daemon.logLines("Refused a client") == 2; })) << daemon.log();
   EXPECT_EQ(daemon.toolRuns(), "");
 }
@@ -94,8 +74,7 @@ TEST_F(DaemonTest, TerminationSignalsExitCleanlyAndRemoveTheSocket) {
     Daemon daemon;
     const auto connected = daemon.client();  // an open connection must not hold the daemon up
     ASSERT_EQ(connected->helperVersion(), "1.3");
-    const int status = daemon.stop(signal);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << daemon.log();
+    EXPECT_EQ(daemon.stop(signal), 0) << daemon.log();  // exited with status 0
     EXPECT_FALSE(fs::exists(daemon.socket()));
     EXPECT_THROW(connected->helperVersion(), ipc::HelperClientError);
   }
@@ -104,17 +83,14 @@ TEST_F(DaemonTest, TerminationSignalsExitCleanlyAndRemoveTheSocket) {
 constexpr char kClosed[] = "Closed a connection";
 constexpr char kMarker[] = "MARKER";  // in every payload below, so it must never reach the log
 
-std::string header(std::uint32_t length) {
-  return {char(length >> 24), char(length >> 16), char(length >> 8), char(length)};
-}
+std::string header(std::uint32_t n) { return {char(n >> 24), char(n >> 16), char(n >> 8), char(n)}; }
 
 std::string frame(const Bytes& payload) { return header(std::uint32_t(payload.size())) + toString(payload); }
 
-std::string requestFrame(std::string_view selector, plist::Value arguments,
-                         plist::Format format = plist::Format::binary) {
+std::string requestFrame(std::string_view selector) {
   const plist::Dictionary request{
-      {"id", 1}, {"selector", std::string(selector)}, {"arguments", std::move(arguments)}, {"note", kMarker}};
-  return frame(plist::encode(request, format));
+      {"id", 1}, {"selector", std::string(selector)}, {"arguments", plist::Array{}}, {"note", kMarker}};
+  return frame(plist::encode(request, plist::Format::binary));
 }
 
 TEST_F(DaemonTest, MalformedOrStalledInputClosesOnlyItsOwnConnection) {
@@ -126,25 +102,20 @@ TEST_F(DaemonTest, MalformedOrStalledInputClosesOnlyItsOwnConnection) {
       {"length over 1 MiB", header((1u << 20) + 1) + "MARKER-oversized", false},
       {"truncated frame, then close", header(64) + "MARKER-truncated", true},
       {"not a property list", frame(toBytes("MARKER-plain-text")), false},
-      {"XML property list", requestFrame(helperVersion, plist::Array{}, plist::Format::xml), false},
-      {"unknown selector", requestFrame("MARKERUnknownWithReply:", plist::Array{}), false},
-      {"wrong argument count", requestFrame(helperVersion, plist::Array{"MARKER-extra"}), false},
-      {"wrong argument type", requestFrame(helperVersion, plist::Array{plist::Dictionary{}}), false},
+      {"unknown selector", requestFrame("MARKERUnknownWithReply:"), false},
   };
   std::size_t closed = 0;
   for (const auto& [name, bytes, thenClose] : inputs) {
     SCOPED_TRACE(name);
     EXPECT_EQ(daemon.sendRaw(bytes, 5s, thenClose), "");
     EXPECT_EQ(bystander->helperVersion(), "1.3");
-    ++closed;
-    EXPECT_TRUE(eventually([&] { return daemon.logLines(kClosed) == closed; })) << daemon.log();
+    EXPECT_TRUE(eventually([&, n = ++closed] { return daemon.logLines(kClosed) == n; })) << daemon.log();
   }
   // A started frame that stalls is closed after 10 s, while the bystander, idle meanwhile, stays.
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(daemon.sendRaw(header(64) + "MARKER-stalled", 15s), "");
   const auto elapsed = std::chrono::steady_clock::now() - start;
-  EXPECT_GE(elapsed, 10s);
-  EXPECT_LT(elapsed, 12s);
+  EXPECT_TRUE(elapsed >= 10s && elapsed < 12s) << std::chrono::duration<double>(elapsed).count();
   EXPECT_EQ(bystander->helperVersion(), "1.3");
   EXPECT_TRUE(eventually([&] { return daemon.logLines(kClosed) == closed + 1; })) << daemon.log();
   EXPECT_EQ(daemon.log().find(kMarker), std::string::npos) << daemon.log();
@@ -158,31 +129,24 @@ TEST_F(DaemonTest, SixtyFourPipeliningClientsAreAllAnsweredAndASixtyFifthIsClose
   const Daemon daemon;
   std::latch connected(clients);
   std::latch go(1);
-  std::atomic<std::size_t> answered = 0;
+  const auto pipeline = [&] {
+    const auto client = daemon.client();
+    EXPECT_EQ(client->helperVersion(), "1.3");
+    connected.count_down();
+    go.wait();
+    std::vector<std::future<plist::Array>> pending;
+    while (pending.size() + 1 < requests) pending.push_back(client->send(helperVersion));
+    for (auto& reply : pending) EXPECT_EQ(reply.get(), ipc::textReply("1.3"));
+  };
   std::vector<std::thread> threads;
   while (threads.size() < clients) {
-    threads.emplace_back([&] {
-      try {
-        const auto client = daemon.client();
-        answered += client->helperVersion() == "1.3";
-        connected.count_down();
-        go.wait();
-        std::vector<std::future<plist::Array>> pending;
-        while (pending.size() + 1 < requests) pending.push_back(client->send(helperVersion));
-        for (auto& reply : pending) answered += reply.get() == ipc::textReply("1.3");
-      } catch (const std::exception& error) {
-        ADD_FAILURE() << error.what();
-      }
-    });
+    threads.emplace_back([&] { EXPECT_EQ(outcome<std::exception>(pipeline), ""); });
   }
-  const bool allConnected = eventually([&] { return connected.try_wait(); }, 30s);
-  if (allConnected) {
-    EXPECT_EQ(daemon.sendRaw(requestFrame(helperVersion, plist::Array{}), 1s), "");  // closed at once
-  }
+  // Once all are in, the sixty-fifth is closed at once.
+  EXPECT_TRUE(eventually([&] { return connected.try_wait(); }, 30s) &&
+              daemon.sendRaw(requestFrame(helperVersion), 1s) == "");
   go.count_down();
   for (std::thread& thread : threads) thread.join();
-  EXPECT_TRUE(allConnected);
-  EXPECT_EQ(answered, clients * requests);
   // The limit counts open connections only: once they are gone a new client is served.
   EXPECT_TRUE(eventually(
       [&] { return outcome<std::exception>([&] { return daemon.client()->helperVersion(); }) == "1.3"; }));

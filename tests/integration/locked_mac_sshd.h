@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
-#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -36,8 +35,6 @@ class ThrowawayUser final {
   ThrowawayUser& operator=(const ThrowawayUser&) = delete;
 
   [[nodiscard]] const std::string& name() const { return name_; }
-  // Empties the password, so that sshd lets the user in without one.
-  [[nodiscard]] bool clearPassword() const;
 
  private:
   std::string name_;
@@ -49,9 +46,6 @@ class ThrowawayUser final {
 // normal user gets in without any password (ssh -o BatchMode=yes ... exit).
 class LockedMacSshd final {
  public:
-  static constexpr std::string_view lockedBanner =
-      "This system is locked. To unlock it, use a local account name and password.";
-
   LockedMacSshd();
   ~LockedMacSshd();
   LockedMacSshd(const LockedMacSshd&) = delete;
@@ -65,8 +59,8 @@ class LockedMacSshd final {
 
   // "SHA256:..." of the host key sshd serves now, by ssh-keygen -lf.
   [[nodiscard]] std::string hostKeyFingerprint() const;
-  // This machine on its own: localHostname 127.0.0.1, its port and users, no
-  // saved key, requireVerifiedHostKey.
+  // This machine on its own: macName "Studio", localHostname 127.0.0.1, its
+  // port and users, no saved key, requireVerifiedHostKey.
   [[nodiscard]] RecoveryProfile profile() const;
 
   // Stops sshd and starts it again on the same port with a new host key.
@@ -81,10 +75,7 @@ class LockedMacSshd final {
   [[nodiscard]] std::size_t logLines(std::string_view text) const { return linesContaining(log(), text); }
 
  private:
-  void generateHostKey() const;
-  void writeConfig() const;
   void start();
-  void watchForUnlock(const std::stop_token& stop);
 
   const std::string password_;
   TemporaryDirectory directory_;
@@ -106,33 +97,12 @@ std::uint16_t unusedLoopbackPort();
 class Tarpit final {
  public:
   // Port 0: one the system picks, the same on every address.
-  Tarpit(const std::vector<std::string>& addresses, std::uint16_t port = 0);
+  explicit Tarpit(const std::vector<std::string>& addresses, std::uint16_t port = 0);
   [[nodiscard]] std::uint16_t port() const { return port_; }
 
  private:
   std::vector<UniqueFd> listeners_;
   std::uint16_t port_ = 0;
-};
-
-struct ToolCall {
-  std::string executable;
-  std::vector<std::string> arguments;
-  std::optional<std::string> standardInput;
-};
-
-// The real CommandRunner, remembering every call.
-class RecordingExecutor final : public CommandExecutor {
- public:
-  explicit RecordingExecutor(double defaultTimeout = 30) : runner_(defaultTimeout) {}
-  CommandResult run(const std::string& executable, const std::vector<std::string>& arguments,
-                    std::optional<std::string_view> standardInput = std::nullopt,
-                    std::optional<double> timeout = std::nullopt) const noexcept override;
-  [[nodiscard]] std::vector<ToolCall> calls() const;
-
- private:
-  CommandRunner runner_;
-  mutable std::mutex mutex_;
-  mutable std::vector<ToolCall> calls_;
 };
 
 // Reads the command line and environment of every process, again and again,
@@ -141,9 +111,9 @@ class ProcessScan final {
  public:
   struct Findings {
     std::size_t rounds = 0;
-    // Processes whose command line holds `witness` as one argument: proof that
-    // the scan saw the processes that mattered.
-    std::size_t witnessed = 0;
+    // Processes whose command line holds the witness as one argument: proof
+    // that the scan saw the processes that mattered.
+    std::set<std::string> witnessed;
     std::set<std::string> leaks;  // "pid cmdline|environ"
   };
 
@@ -156,7 +126,6 @@ class ProcessScan final {
   const std::string secret_;
   const std::string witness_;
   Findings findings_;
-  std::set<std::string> witnessedPids_;
   std::jthread thread_;
 };
 
