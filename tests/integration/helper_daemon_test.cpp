@@ -87,9 +87,9 @@ std::string header(std::uint32_t n) { return {char(n >> 24), char(n >> 16), char
 
 std::string frame(const Bytes& payload) { return header(std::uint32_t(payload.size())) + toString(payload); }
 
-std::string requestFrame(std::string_view selector) {
+std::string requestFrame(std::string_view selector, plist::Value arguments = plist::Array{}) {
   const plist::Dictionary request{
-      {"id", 1}, {"selector", std::string(selector)}, {"arguments", plist::Array{}}, {"note", kMarker}};
+      {"id", 1}, {"selector", std::string(selector)}, {"arguments", std::move(arguments)}, {"note", kMarker}};
   return frame(plist::encode(request, plist::Format::binary));
 }
 
@@ -103,6 +103,9 @@ TEST_F(DaemonTest, MalformedOrStalledInputClosesOnlyItsOwnConnection) {
       {"truncated frame, then close", header(64) + "MARKER-truncated", true},
       {"not a property list", frame(toBytes("MARKER-plain-text")), false},
       {"unknown selector", requestFrame("MARKERUnknownWithReply:"), false},
+      {"wrong argument count", requestFrame(helperVersion, plist::Array{"MARKER-extra"}), false},
+      // The direct requests take no argument, so the list itself is of the wrong type.
+      {"wrong argument type", requestFrame(helperVersion, std::string("MARKER-not-a-list")), false},
   };
   std::size_t closed = 0;
   for (const auto& [name, bytes, thenClose] : inputs) {
