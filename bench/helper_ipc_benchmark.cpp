@@ -118,7 +118,8 @@ class EchoServer final {
 class Servers final {
  public:
   Servers()
-      : service_(configuration(directory_), std::make_shared<CommandRunner>(10), logger_),
+      : service_(configuration(directory_), HelperServiceDependencies::system(configuration(directory_), logger_),
+                 logger_),
         verifier_((directory_ / "absent-registry.plist").string(),
                   {PeerVerifier::trustedAsApp(fs::canonical("/proc/self/exe").string())},
                   makeProcPeerInspector(::getuid()), ::getuid()),

@@ -3,6 +3,7 @@
 #include "cli/cli_context.h"
 #include "cli/helper_commands.h"
 #include "cli/profile_commands.h"
+#include "cli/protection_commands.h"
 #include "cli/recovery_commands.h"
 
 namespace harborkeeper::cli {
@@ -32,6 +33,7 @@ void configure(CLI::App& app, CliContext& context) {
   app.require_subcommand(0, 1);
   context.addGlobalOptions(app);
   registerHelperCommands(app, context);
+  registerProtectionCommands(app, context);
   registerProfileCommands(app, context);
   registerRecoveryCommands(app, context);
 }

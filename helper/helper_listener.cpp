@@ -68,11 +68,15 @@ void limitWriteTime(int fd, milliseconds limit) {
 
 void serveRequests(const std::shared_ptr<HelperConnection>& connection, HelperService& service,
                    milliseconds partialFrameTimeout) {
-  while (const std::optional<Bytes> payload = connection->stream().readFrame(partialFrameTimeout)) {
-    const ipc::Request request = ipc::decodeRequest(asStringView(*payload));
-    service.handle(request, [connection, id = request.id](plist::Array reply) {
-      connection->sendReply(id, std::move(reply));
-    });
+  while (std::optional<Bytes> payload = connection->stream().readFrame(partialFrameTimeout)) {
+    ipc::Request request;
+    {
+      const WipeOnExit wipe(*payload);  // it may carry a password
+      request = ipc::decodeRequest(asStringView(*payload));
+    }
+    const std::int64_t id = request.id;
+    service.handle(std::move(request),
+                   [connection, id](plist::Array reply) { connection->sendReply(id, std::move(reply)); });
   }
 }
 

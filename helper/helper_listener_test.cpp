@@ -34,15 +34,17 @@ bool eventually(const std::function<bool()>& condition) {
 
 // A listener on a socket in a temporary directory that admits every peer.
 struct Served {
-  explicit Served(ListenerLimits limits) : listener(openListeningSocket(socketPath), service, verifier, *logger, limits) {
+  explicit Served(ListenerLimits limits)
+      : listener(openListeningSocket(socketPath), service, verifier, *logger, limits) {
     listener.resume();
   }
 
   TemporaryDirectory temp;
   std::string socketPath = (temp.path() / "helper.sock").string();
   std::unique_ptr<Logger> logger = makeProcessLogger(LogDestination::standardError);
-  HelperService service{{}, std::make_shared<CommandRunner>(30.0), *logger};
-  PeerVerifier verifier{"/nonexistent", {PeerVerifier::trustedAsApp("/opt/harborkeeper")},
+  HelperService service{{}, HelperServiceDependencies::system({}, *logger), *logger};
+  PeerVerifier verifier{"/nonexistent",
+                        {PeerVerifier::trustedAsApp("/opt/harborkeeper")},
                         std::make_unique<AdmittingInspector>()};
   HelperListener listener;
 };
@@ -84,7 +86,8 @@ TEST(HelperListenerTest, AClientThatNeverReadsItsRepliesIsClosed) {
   served.socketPath.copy(address.sun_path, served.socketPath.size());
   ASSERT_EQ(::connect(raw.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
   ASSERT_TRUE(eventually([&] { return served.listener.openConnections() == 1; }));
-  const Bytes frame = ipc::encodeFrame(ipc::encodeRequest({1, std::string(ipc::selectors::helperVersion), {}}));
+  const Bytes frame =
+      ipc::encodeFrame(ipc::encodeRequest({1, std::string(ipc::selectors::helperVersion), {}}));
   Bytes burst;
   for (int i = 0; i < 200; ++i) burst.insert(burst.end(), frame.begin(), frame.end());
   EXPECT_TRUE(eventually([&] {

@@ -26,8 +26,6 @@
 namespace harborkeeper {
 namespace {
 
-constexpr double defaultToolTimeout = 30.0;
-
 // Before anything else: a core dump of this process could hold a password.
 void disableCoreDumps() {
   (void)::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
@@ -58,6 +56,7 @@ HelperServiceConfiguration serviceConfiguration(const HelperOptions& options) {
   configuration.fdesetupPath = options.fdesetupPath;
   configuration.pmsetPath = options.pmsetPath;
   configuration.systemdCredsPath = options.systemdCredsPath;
+  configuration.pamServiceDirectory = options.pamServiceDirectory;
   configuration.stateOwner = ::geteuid();
   return configuration;
 }
@@ -88,6 +87,20 @@ void logStarted(Logger& logger, const HelperOptions& options, const ListeningEnd
               "; state directory " + options.stateDirectory + ".");
 }
 
+// After every boot the stored credential arms the following restart again.
+// Clients may already be connected; the operation queue orders their requests
+// after this one.
+void queueLaunchRearm(HelperService& service, Logger& logger) {
+  service.enqueue([&service, &logger] {
+    const ipc::HelperCommandResult result = service.armPersistentProtection();
+    if (result.success) {
+      logger.info("Startup persistent authenticated restart rearm succeeded.");
+    } else {
+      logger.error("Startup persistent authenticated restart rearm failed: " + result.message);
+    }
+  });
+}
+
 int waitForTermination(const sigset_t& signals) {
   for (;;) {
     int signal = 0;
@@ -107,14 +120,15 @@ void stopServing(Logger& logger, int signal, HelperListener& listener, HelperSer
 }
 
 int run(const HelperOptions& options, Logger& logger, const sigset_t& signals) {
-  HelperService service(serviceConfiguration(options), std::make_shared<CommandRunner>(defaultToolTimeout),
-                        logger);
+  const HelperServiceConfiguration configuration = serviceConfiguration(options);
+  HelperService service(configuration, HelperServiceDependencies::system(configuration, logger), logger);
   const PeerVerifier verifier = makeVerifier(options);
   ListeningEndpoint endpoint = openListeningEndpoint(options.socketPath);
   const SocketFileRemoval removal(endpoint);
   HelperListener listener(std::move(endpoint.socket), service, verifier, logger);
   listener.resume();
   logStarted(logger, options, endpoint);
+  queueLaunchRearm(service, logger);
   (void)sd_notify(0, "READY=1");
   stopServing(logger, waitForTermination(signals), listener, service, endpoint);
   return 0;

@@ -79,6 +79,12 @@ void defineOptions(CLI::App& app, RawOptions& raw) {
       ->type_name("PATH")
       ->capture_default_str()
       ->check(absolutePath());
+  app.add_option("--pam-dir", o.pamServiceDirectory,
+                 "Directory holding the PAM service file harborkeeper-helper; passwords are checked with "
+                 "that file only, never with the system's default stack")
+      ->type_name("PATH")
+      ->capture_default_str()
+      ->check(absolutePath());
   app.add_option("--trust-client", o.trustedExecutables,
                  "Also trust this executable as the harborkeeper client for this run (repeatable)")
       ->type_name("PATH")

@@ -18,6 +18,7 @@ struct HelperOptions {
   std::string fdesetupPath = "/usr/bin/fdesetup";
   std::string pmsetPath = "/usr/bin/pmset";
   std::string systemdCredsPath = "/usr/bin/systemd-creds";
+  std::string pamServiceDirectory = "/etc/pam.d";
   std::vector<std::string> trustedExecutables;  // canonical (realpath) paths
   LogDestination logDestination = LogDestination::automatic;
 

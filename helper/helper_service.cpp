@@ -11,7 +11,26 @@ namespace harborkeeper {
 
 namespace {
 
+constexpr double defaultToolTimeout = 30.0;
 constexpr double fileVaultListTimeout = 30.0;
+constexpr double authRestartTimeout = 110.0;
+
+// Request arguments wiped wherever they end: after the work, or dropped with
+// the queue at shutdown.
+struct WipedArguments {
+  plist::Array values;
+  explicit WipedArguments(plist::Array arguments) : values(std::move(arguments)) {}
+  WipedArguments(const WipedArguments&) = default;
+  WipedArguments(WipedArguments&&) noexcept = default;
+  WipedArguments& operator=(const WipedArguments&) = delete;
+  WipedArguments& operator=(WipedArguments&&) = delete;
+  ~WipedArguments() { secureWipe(values); }
+};
+
+// Arguments were checked against the interface before dispatch.
+std::string_view textArgument(const plist::Array& arguments, std::size_t index) {
+  return *arguments.at(index).get<std::string>();
+}
 
 const DispatchEntry* findDispatchEntry(std::string_view selector) {
   for (const DispatchEntry& entry : HelperService::dispatchTable()) {
@@ -22,10 +41,25 @@ const DispatchEntry* findDispatchEntry(std::string_view selector) {
 
 }  // namespace
 
-HelperService::HelperService(HelperServiceConfiguration configuration,
-                             std::shared_ptr<const CommandExecutor> commandRunner, Logger& logger)
+HelperServiceDependencies HelperServiceDependencies::system(const HelperServiceConfiguration& configuration,
+                                                            Logger& logger) {
+  auto runner = std::make_shared<CommandRunner>(defaultToolTimeout);
+  return {runner,
+          std::make_shared<SystemdCredsVault>(configuration.stateDirectory, configuration.stateOwner,
+                                              configuration.systemdCredsPath, runner, logger),
+          std::make_shared<PamAccountDirectory>(configuration.pamServiceDirectory),
+          std::make_shared<SystemClock>()};
+}
+
+HelperService::HelperService(HelperServiceConfiguration configuration, HelperServiceDependencies dependencies,
+                             Logger& logger)
     : configuration_(std::move(configuration)),
-      commandRunner_(std::move(commandRunner)),
+      commandRunner_(std::move(dependencies.commandRunner)),
+      clock_(std::move(dependencies.clock)),
+      credentialStore_(std::move(dependencies.credentialVault)),
+      authRestartRunner_(commandRunner_, configuration_.fdesetupPath, authRestartTimeout),
+      passwordVerifier_(std::move(dependencies.accountDirectory)),
+      protectionStatusStore_(configuration_.stateDirectory, configuration_.stateOwner),
       logger_(logger),
       operations_(std::string(operationQueueLabel)) {}
 
@@ -44,11 +78,30 @@ std::span<const DispatchEntry> HelperService::dispatchTable() {
        [](HelperService& service, const plist::Array&) {
          return ipc::optionalDataReply(service.protectionStatusData());
        }},
+      {selectors::armNextRestart, Dispatch::queued,
+       [](HelperService& service, const plist::Array& arguments) {
+         return ipc::actionReply(
+             service.armNextRestart(textArgument(arguments, 0), textArgument(arguments, 1)));
+       }},
+      {selectors::enablePersistentProtection, Dispatch::queued,
+       [](HelperService& service, const plist::Array& arguments) {
+         return ipc::actionReply(service.enablePersistentProtection(
+             textArgument(arguments, 0), textArgument(arguments, 1), *arguments.at(2).get<Date>()));
+       }},
+      {selectors::armPersistentProtection, Dispatch::queued,
+       [](HelperService& service, const plist::Array&) {
+         return ipc::actionReply(service.armPersistentProtection());
+       }},
+      {selectors::disablePersistentProtection, Dispatch::queued,
+       [](HelperService& service, const plist::Array&) {
+         return ipc::actionReply(service.disablePersistentProtection());
+       }},
   };
   return table;
 }
 
-void HelperService::handle(const ipc::Request& request, ReplyHandler reply) {
+void HelperService::handle(ipc::Request request, ReplyHandler reply) {
+  const WipeOnExit wipe(request.arguments);  // a refused request may carry a password too
   ipc::validateRequest(request);
   const DispatchEntry* entry = findDispatchEntry(request.selector);
   // Only a selector added to the interface but not to the table gets here.
@@ -56,19 +109,20 @@ void HelperService::handle(const ipc::Request& request, ReplyHandler reply) {
     throw ipc::ProtocolError(ipc::ProtocolError::Kind::unknownSelector,
                              "The helper does not serve this request.");
   }
-  dispatch(*entry, request.arguments, std::move(reply));
+  dispatch(*entry, std::move(request.arguments), std::move(reply));
 }
 
 void HelperService::dispatch(const DispatchEntry& entry, plist::Array arguments, ReplyHandler reply) {
   if (entry.dispatch == Dispatch::direct) {
+    const WipeOnExit wipe(arguments);
     reply(entry.work(*this, arguments));
     return;
   }
   operations_.async([this, work = entry.work, selector = std::string(entry.selector),
-                     arguments = std::move(arguments), reply = std::move(reply)] {
+                     arguments = WipedArguments{std::move(arguments)}, reply = std::move(reply)] {
     plist::Array result;
     try {
-      result = work(*this, arguments);
+      result = work(*this, arguments.values);
     } catch (const std::exception& error) {
       logger_.error(selector + " failed: " + error.what());
       return;

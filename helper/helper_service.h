@@ -12,9 +12,15 @@
 #include "core/foundation/bytes.h"
 #include "core/foundation/plist.h"
 #include "core/ipc/helper_protocol.h"
+#include "core/platform/clock.h"
 #include "core/platform/command_runner.h"
 #include "core/platform/serial_queue.h"
+#include "core/protection/auth_restart.h"
 #include "core/protection/helper_constants.h"
+#include "core/protection/protection_status.h"
+#include "core/protection/protection_status_store.h"
+#include "helper/credential_store.h"
+#include "helper/local_account_password_verifier.h"
 #include "helper/logger.h"
 
 namespace harborkeeper {
@@ -25,7 +31,27 @@ struct HelperServiceConfiguration {
   std::string fdesetupPath = "/usr/bin/fdesetup";
   std::string pmsetPath = "/usr/bin/pmset";
   std::string systemdCredsPath = "/usr/bin/systemd-creds";
+  std::string pamServiceDirectory = std::string(PamAccountDirectory::defaultServiceDirectory);
   uid_t stateOwner = 0;  // tests run unprivileged with their own uid
+};
+
+// What the service reaches the system through.
+struct HelperServiceDependencies {
+  std::shared_ptr<const CommandExecutor> commandRunner;
+  std::shared_ptr<CredentialVault> credentialVault;
+  std::shared_ptr<const AccountDirectory> accountDirectory;
+  std::shared_ptr<const Clock> clock;
+
+  // The daemon's own: a 30 s command runner, the systemd-creds vault, PAM and
+  // the system clock.
+  static HelperServiceDependencies system(const HelperServiceConfiguration& configuration, Logger& logger);
+};
+
+// Why the selected user cannot be armed, and whether that proves a stored
+// selection wrong (rather than that it could not be checked).
+struct FileVaultUserValidationFailure {
+  ipc::HelperCommandResult result;
+  bool clearsPersistentState = false;
 };
 
 class HelperService;
@@ -47,8 +73,8 @@ class HelperService final {
  public:
   static constexpr std::string_view operationQueueLabel = "com.lumaq.Harborkeeper.Helper.operations";
 
-  HelperService(HelperServiceConfiguration configuration,
-                std::shared_ptr<const CommandExecutor> commandRunner, Logger& logger);
+  HelperService(HelperServiceConfiguration configuration, HelperServiceDependencies dependencies,
+                Logger& logger);
   ~HelperService();  // shuts the operation queue down
   HelperService(const HelperService&) = delete;
   HelperService& operator=(const HelperService&) = delete;
@@ -62,10 +88,11 @@ class HelperService final {
   // is called exactly once, before handle() returns for a direct selector, on
   // the operation queue for a queued one (or never, if the queue shuts down
   // before the work starts).
-  void handle(const ipc::Request& request, ReplyHandler reply);
+  void handle(ipc::Request request, ReplyHandler reply);
   // Serves `entry` as its dispatch says, without checking anything: handle()'s
   // second half, open so tests can run tables of their own. Work must not
-  // throw; a queued one that does is logged and its reply never comes.
+  // throw; a queued one that does is logged and its reply never comes. The
+  // arguments are wiped once the work is done (they may hold a password).
   void dispatch(const DispatchEntry& entry, plist::Array arguments, ReplyHandler reply);
 
   // Queues work on the operation queue (queued selectors and the launch-time
@@ -79,12 +106,40 @@ class HelperService final {
   [[nodiscard]] std::optional<Bytes> fileVaultUsersData() const;
   [[nodiscard]] std::optional<Bytes> protectionStatusData() const;
 
+  // The queued requests of restart protection. Each records its outcome as
+  // the protection status (where the rules say so) and returns the reply.
+  // REQUIRES: called on the operation queue (or with no queue running).
+  ipc::HelperCommandResult armNextRestart(std::string_view username, std::string_view password);
+  // The date is part of the request only; the protection logic ignores it.
+  ipc::HelperCommandResult enablePersistentProtection(std::string_view username, std::string_view password,
+                                                      Date authorizationExpiresAt);
+  ipc::HelperCommandResult armPersistentProtection();
+  ipc::HelperCommandResult disablePersistentProtection();
+
   [[nodiscard]] const HelperServiceConfiguration& configuration() const noexcept { return configuration_; }
   [[nodiscard]] Logger& logger() const noexcept { return logger_; }
 
  private:
+  // Fresh on every arming: the one FileVault user, and exactly the one chosen.
+  [[nodiscard]] std::optional<FileVaultUserValidationFailure> validateSelectedFileVaultUser(
+      std::string_view username) const;
+  ipc::HelperCommandResult recordStatusOrReplyFailure(HelperProtectionMode mode,
+                                                      ipc::HelperCommandResult result);
+  // Removes the status, then the credential; both always run and the first
+  // error is thrown afterwards.
+  void clearPersistentState();
+  void clearPersistentStateIgnoringErrors() noexcept;
+  // A failed persistent status with `message`; a store error is ignored.
+  void storeFailedPersistentStatus(const std::string& message) noexcept;
+  [[nodiscard]] bool lastStatusIsPersistent() const noexcept;
+
   HelperServiceConfiguration configuration_;
   std::shared_ptr<const CommandExecutor> commandRunner_;
+  std::shared_ptr<const Clock> clock_;
+  CredentialStore credentialStore_;
+  AuthRestartRunner authRestartRunner_;
+  LocalAccountPasswordVerifier passwordVerifier_;
+  ProtectionStatusStore protectionStatusStore_;
   Logger& logger_;
   SerialQueue operations_;
 };

@@ -32,8 +32,8 @@ struct HelperServiceTest : testing::Test {
   const TemporaryDirectory temp;
   const fs::path state = temp.path() / "state";
   const std::unique_ptr<Logger> logger = makeProcessLogger(LogDestination::standardError);
-  HelperService service{
-      {.stateDirectory = state, .stateOwner = ::getuid()}, std::make_shared<CommandRunner>(30), *logger};
+  const HelperServiceConfiguration configuration{.stateDirectory = state, .stateOwner = ::getuid()};
+  HelperService service{configuration, HelperServiceDependencies::system(configuration, *logger), *logger};
 };
 
 // The stored bytes go out untouched, but only while the file passes the checks.

@@ -22,4 +22,18 @@ inline std::string_view asStringView(const Bytes& bytes) noexcept {
 void secureWipe(std::string& secret) noexcept;
 void secureWipe(Bytes& secret) noexcept;
 
+// Wipes `secret` when the scope ends, however it ends (any type with a
+// secureWipe overload).
+template <class Secret>
+class WipeOnExit final {
+ public:
+  explicit WipeOnExit(Secret& secret) noexcept : secret_(secret) {}
+  ~WipeOnExit() { secureWipe(secret_); }
+  WipeOnExit(const WipeOnExit&) = delete;
+  WipeOnExit& operator=(const WipeOnExit&) = delete;
+
+ private:
+  Secret& secret_;
+};
+
 }  // namespace harborkeeper

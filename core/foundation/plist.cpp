@@ -1,5 +1,6 @@
 #include "core/foundation/plist.h"
 
+#include <openssl/crypto.h>
 #include <plist/plist.h>
 
 #include <algorithm>
@@ -33,8 +34,48 @@ constexpr std::int64_t kMicrosecondsFrom1970To2001 = 978'307'200'000'000;
 // Keeps every decoded date inside what a nanosecond system_clock can hold.
 constexpr double kMaxSecondsFrom1970 = 9.0e9;
 
+// Property lists carry passwords over the socket and into sealed storage, so
+// every string and data payload is overwritten before libplist frees it.
+void wipeValues(plist_t node) noexcept {
+  std::uint64_t length = 0;
+  switch (plist_get_node_type(node)) {
+    case PLIST_STRING:
+      if (const char* text = plist_get_string_ptr(node, &length))
+        OPENSSL_cleanse(const_cast<char*>(text), length);
+      return;
+    case PLIST_DATA:
+      if (const char* data = plist_get_data_ptr(node, &length))
+        OPENSSL_cleanse(const_cast<char*>(data), length);
+      return;
+    case PLIST_ARRAY:
+      for (std::uint32_t i = 0, n = plist_array_get_size(node); i < n; ++i) {
+        wipeValues(plist_array_get_item(node, i));
+      }
+      return;
+    case PLIST_DICT: {
+      plist_dict_iter iterator = nullptr;
+      plist_dict_new_iter(node, &iterator);
+      for (;;) {
+        char* key = nullptr;
+        plist_t item = nullptr;
+        plist_dict_next_item(node, iterator, &key, &item);
+        std::free(key);
+        if (item == nullptr) break;
+        wipeValues(item);
+      }
+      std::free(iterator);
+      return;
+    }
+    default:
+      return;
+  }
+}
+
 struct NodeDeleter {
-  void operator()(void* node) const { plist_free(node); }
+  void operator()(void* node) const {
+    wipeValues(node);
+    plist_free(node);
+  }
 };
 using Node = std::unique_ptr<void, NodeDeleter>;
 
@@ -62,8 +103,13 @@ Bytes serialized(plist_t node, Write write) {
   char* raw = nullptr;
   std::uint32_t length = 0;
   write(node, &raw, &length);
-  const std::unique_ptr<char, Deleter> buffer(raw);
   if (raw == nullptr) throw EncodeError::invalidValue();
+  // Wiped before it goes back to libplist: it may hold a password.
+  const auto wipeAndFree = [length](char* buffer) {
+    OPENSSL_cleanse(buffer, length);
+    Deleter{}(buffer);
+  };
+  const std::unique_ptr<char, decltype(wipeAndFree)> buffer(raw, wipeAndFree);
   return {raw, raw + length};
 }
 

@@ -48,11 +48,19 @@ class Value {
   }
 
   [[nodiscard]] const Storage& storage() const { return storage_; }
+  // Overwrites every string and data payload inside, for values that carried
+  // a password. The value keeps its shape with those payloads emptied.
+  void secureWipe() noexcept;
   bool operator==(const Value& other) const = default;
 
  private:
   Storage storage_;
 };
+
+inline void secureWipe(Value& value) noexcept { value.secureWipe(); }
+inline void secureWipe(Array& values) noexcept {
+  for (Value& value : values) value.secureWipe();
+}
 
 enum class Format { xml, binary };
 

@@ -1,3 +1,6 @@
+#include <type_traits>
+#include <variant>
+
 #include "core/foundation/plist.h"
 
 // Typed access for record decoders, kept apart from the libplist glue.
@@ -61,6 +64,25 @@ std::optional<std::string> optionalString(const Dictionary& dictionary, std::str
   const auto* text = value->get<std::string>();
   if (text == nullptr) throw DecodeError::corrupted();
   return *text;
+}
+
+}  // namespace harborkeeper::plist
+
+namespace harborkeeper::plist {
+
+void Value::secureWipe() noexcept {
+  std::visit(
+      [](auto& held) {
+        using Held = std::decay_t<decltype(held)>;
+        if constexpr (std::is_same_v<Held, std::string> || std::is_same_v<Held, Bytes>) {
+          harborkeeper::secureWipe(held);
+        } else if constexpr (std::is_same_v<Held, Array>) {
+          for (Value& item : held) item.secureWipe();
+        } else if constexpr (std::is_same_v<Held, Dictionary>) {
+          for (auto& entry : held) entry.second.secureWipe();
+        }
+      },
+      storage_);
 }
 
 }  // namespace harborkeeper::plist

@@ -250,7 +250,9 @@ std::future<plist::Array> HelperClient::send(std::string_view selector, plist::A
   if (!id) return failedFuture(Kind::connectionClosed);
   Bytes payload;  // may hold a password
   try {
-    payload = encodeRequest({*id, std::string(selector), std::move(arguments)});
+    Request request{*id, std::string(selector), std::move(arguments)};
+    const WipeOnExit wipe(request.arguments);
+    payload = encodeRequest(request);
     channel_->write(payload);
   } catch (const std::system_error&) {
     channel_->close(Kind::connectionClosed);  // fails this and every other request
@@ -279,6 +281,39 @@ std::optional<Bytes> HelperClient::fileVaultUsersData() {
 
 std::optional<Bytes> HelperClient::protectionStatusData() {
   return readOptionalDataReply(call(selectors::protectionStatusData));
+}
+
+namespace {
+
+// Built in place: a braced list would leave an unwiped copy of the password.
+plist::Array credentialArguments(std::string_view username, std::string_view password) {
+  plist::Array arguments;
+  arguments.reserve(3);
+  arguments.emplace_back(std::string(username));
+  arguments.emplace_back(std::string(password));
+  return arguments;
+}
+
+}  // namespace
+
+HelperCommandResult HelperClient::armNextRestart(std::string_view username, std::string_view password) {
+  return readActionReply(call(selectors::armNextRestart, credentialArguments(username, password)));
+}
+
+HelperCommandResult HelperClient::enablePersistentProtection(std::string_view username,
+                                                             std::string_view password,
+                                                             Date authorizationExpiresAt) {
+  plist::Array arguments = credentialArguments(username, password);
+  arguments.emplace_back(authorizationExpiresAt);
+  return readActionReply(call(selectors::enablePersistentProtection, std::move(arguments)));
+}
+
+HelperCommandResult HelperClient::armPersistentProtection() {
+  return readActionReply(call(selectors::armPersistentProtection));
+}
+
+HelperCommandResult HelperClient::disablePersistentProtection() {
+  return readActionReply(call(selectors::disablePersistentProtection));
 }
 
 }  // namespace harborkeeper::ipc

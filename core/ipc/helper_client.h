@@ -56,7 +56,7 @@ class HelperClient final {
 
   // Sends any request; the future yields the raw reply array or throws
   // HelperClientError. Arguments are not checked against the interface, so a
-  // caller can send what the daemon must refuse.
+  // caller can send what the daemon must refuse. They are wiped once encoded.
   std::future<plist::Array> send(std::string_view selector, plist::Array arguments = {});
 
   // Sends a request of the interface and waits for its reply, checked against
@@ -66,6 +66,12 @@ class HelperClient final {
   std::string helperVersion();
   std::optional<Bytes> fileVaultUsersData();
   std::optional<Bytes> protectionStatusData();
+  // The password goes only into the request, whose buffers are wiped once sent.
+  HelperCommandResult armNextRestart(std::string_view username, std::string_view password);
+  HelperCommandResult enablePersistentProtection(std::string_view username, std::string_view password,
+                                                 Date authorizationExpiresAt);
+  HelperCommandResult armPersistentProtection();
+  HelperCommandResult disablePersistentProtection();
 
  private:
   explicit HelperClient(UniqueFd socket);

@@ -21,6 +21,10 @@ constexpr InterfaceEntry kInterface[] = {
     {selectors::helperVersion, kArguments<>, ReplyType::text},
     {selectors::fileVaultUsersData, kArguments<>, ReplyType::optionalData},
     {selectors::protectionStatusData, kArguments<>, ReplyType::optionalData},
+    {selectors::armNextRestart, kArguments<A::text, A::text>, ReplyType::action},
+    {selectors::enablePersistentProtection, kArguments<A::text, A::text, A::date>, ReplyType::action},
+    {selectors::armPersistentProtection, kArguments<>, ReplyType::action},
+    {selectors::disablePersistentProtection, kArguments<>, ReplyType::action},
 };
 
 constexpr std::string_view kBinaryMagic = "bplist00";

@@ -29,6 +29,11 @@ namespace selectors {
 inline constexpr std::string_view helperVersion = "helperVersionWithReply:";
 inline constexpr std::string_view fileVaultUsersData = "fileVaultUsersDataWithReply:";
 inline constexpr std::string_view protectionStatusData = "protectionStatusDataWithReply:";
+inline constexpr std::string_view armNextRestart = "armNextRestartWithUsername:password:withReply:";
+inline constexpr std::string_view enablePersistentProtection =
+    "enablePersistentProtectionWithUsername:password:authorizationExpiresAt:withReply:";
+inline constexpr std::string_view armPersistentProtection = "armPersistentProtectionWithReply:";
+inline constexpr std::string_view disablePersistentProtection = "disablePersistentProtectionWithReply:";
 }  // namespace selectors
 
 // Every selector the daemon serves, in the protocol's order.

@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/foundation/bytes.h"
 #include "core/foundation/text.h"
 #include "core/platform/internal/process_spawn.h"
 #include "core/platform/internal/tool_pipes.h"
@@ -104,8 +105,12 @@ Steady::duration asDuration(double seconds) {
       std::chrono::duration<double>(std::min(seconds, kLongestLimitSeconds)));
 }
 
+// The output may be a secret: the intermediate copy is wiped, not just freed.
 std::string outputText(const OutputStream& stream) {
-  return text::trimmed(text::repairedUtf8(stream.bytes()));
+  std::string repaired = text::repairedUtf8(stream.bytes());
+  std::string result = text::trimmed(repaired);
+  secureWipe(repaired);
+  return result;
 }
 
 CommandResult launchFailure(const std::string& executable, int error) {

@@ -6,7 +6,13 @@
 
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <optional>
 #include <ostream>
+#include <string>
+#include <vector>
 
 #include "core/platform/command_runner.h"
 
@@ -28,6 +34,44 @@ inline double secondsSince(SteadyClock::time_point start) {
 
 // No child of this process is left, not even an unreaped zombie.
 inline bool hasNoChildren() { return ::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
+
+// Stands in for the system's tools: records every run and answers with the
+// reply set for "<tool's file name> <first argument>", else `otherwise`.
+struct RecordingTools final : CommandExecutor {
+  struct Run {
+    std::string tool;
+    std::vector<std::string> arguments;
+    std::optional<std::string> input;
+    std::optional<double> timeout;
+  };
+
+  CommandResult run(const std::string& tool, const std::vector<std::string>& arguments,
+                    std::optional<std::string_view> input,
+                    std::optional<double> timeout) const noexcept override {
+    const std::lock_guard lock(mutex);
+    runs.push_back({tool, arguments, input ? std::optional<std::string>(*input) : std::nullopt, timeout});
+    const std::string key = std::filesystem::path(tool).filename().string() + " " +
+                            (arguments.empty() ? std::string() : arguments.front());
+    const auto reply = replies.find(key);
+    return reply == replies.end() ? otherwise : reply->second;
+  }
+  // "fdesetup authrestart" for the runs of fdesetup authrestart.
+  [[nodiscard]] std::size_t runsOf(const std::string& key) const {
+    const std::lock_guard lock(mutex);
+    std::size_t count = 0;
+    for (const Run& run : runs) {
+      count += std::filesystem::path(run.tool).filename().string() + " " +
+                   (run.arguments.empty() ? std::string() : run.arguments.front()) ==
+               key;
+    }
+    return count;
+  }
+
+  mutable std::mutex mutex;
+  mutable std::vector<Run> runs;
+  std::map<std::string, CommandResult> replies;
+  CommandResult otherwise{"", "", 1, false};
+};
 
 }  // namespace testing_support
 }  // namespace harborkeeper

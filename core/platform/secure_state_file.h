@@ -107,10 +107,7 @@ auto loadRecord(const SecureStateFile& file, const Errors& errors, const Decode&
   }
   if (!bytes) throw errors.missingFile();
   // The record may hold a secret; the raw bytes must not outlive the decode.
-  struct Wipe {
-    Bytes& bytes;
-    ~Wipe() { secureWipe(bytes); }
-  } wipe{*bytes};
+  const WipeOnExit wipe(*bytes);
   try {
     return decode(*bytes);
   } catch (const StoreError&) {

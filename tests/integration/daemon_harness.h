@@ -42,10 +42,12 @@ inline std::string builtCli() { return fs::canonical(HARBORKEEPER_CLI_BIN).strin
 
 class Daemon final {
  public:
-  // Runs `fdesetup`, a file of the tools directory, as fdesetup. The registry lists the built CLI
-  // and `extraClients`; this test program is trusted besides. Returns once the socket accepts.
+  // Runs `fdesetup`, a file of the tools directory, as fdesetup, with `extraArguments` added to
+  // its command line. The registry lists the built CLI and `extraClients`; this test program is
+  // trusted besides. Returns once the socket accepts.
   explicit Daemon(const std::string& fdesetup = "fdesetup_lists_two_users.sh",
-                  std::vector<std::string> extraClients = {}) {
+                  std::vector<std::string> extraClients = {},
+                  const std::vector<std::string>& extraArguments = {}) {
     const std::string tool = copyExecutable(fs::path(HARBORKEEPER_TEST_TOOLS_DIR) / fdesetup,
                                             dir / "tools/fdesetup", fs::perms(0755));
     fs::create_directory(dir / "state");
@@ -63,25 +65,40 @@ class Daemon final {
     // A variable of our own in its environment, which the stand-in fdesetup must not see.
     // NOLINTNEXTLINE(concurrency-mt-unsafe): set before the daemon starts; no thread of ours reads it.
     ::setenv("HARBORKEEPER_TEST_MARKER", "not-for-tools", 1);
-    std::vector<std::string> arguments({HARBORKEEPER_HELPER_BIN, "--socket", socket(), "--state-dir",
-                                        dir / "state", "--trusted-clients", dir / "registry.plist", "--tool",
-                                        "fdesetup=" + tool, "--tool", "pmset=/bin/true", "--trust-client",
-                                        fs::canonical("/proc/self/exe"), "--log", "stderr"});
-    process_ = ChildProcess(arguments, dir / "daemon.log", true);
-    // Ready once it says so, without a probe connection that would count against its limit.
-    EXPECT_TRUE(eventually([&] { return log().find(" started on ") != std::string::npos; }, 10s))
-        << "not ready:\n" + log();
+    arguments_ = {HARBORKEEPER_HELPER_BIN,
+                  "--socket",
+                  socket(),
+                  "--state-dir",
+                  dir / "state",
+                  "--trusted-clients",
+                  dir / "registry.plist",
+                  "--tool",
+                  "fdesetup=" + tool,
+                  "--tool",
+                  "pmset=/bin/true",
+                  "--trust-client",
+                  fs::canonical("/proc/self/exe"),
+                  "--log",
+                  "stderr"};
+    arguments_.insert(arguments_.end(), extraArguments.begin(), extraArguments.end());
+    start();
   }
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
 
   // Sends `signal` and waits for the daemon to exit; its wait status.
   int stop(int signal) { return process_.stop(signal); }
+  // A new daemon process on the same socket, state and tools; returns once it accepts.
+  void restart(int signal = SIGTERM) {
+    stop(signal);
+    start();
+  }
 
-  // Runs the CLI with --socket and `arguments`.
-  CliOutcome cli(std::vector<std::string> arguments, const std::string& executable = builtCli()) const {
+  // Runs the CLI with --socket and `arguments`, and `input` on its standard input.
+  CliOutcome cli(std::vector<std::string> arguments, const std::string& executable = builtCli(),
+                 std::optional<std::string_view> input = std::nullopt) const {
     arguments.insert(arguments.begin(), {"--socket", socket()});
-    const CommandResult result = CommandRunner(30).run(executable, arguments);
+    const CommandResult result = CommandRunner(30).run(executable, arguments, input);
     return {result.exitCode, result.standardOutput, result.standardError};
   }
 
@@ -118,6 +135,15 @@ class Daemon final {
   const fs::path dir = directory.path();
 
  private:
+  void start() {
+    const std::size_t started = logLines(" started on ");
+    process_ = ChildProcess(arguments_, dir / "daemon.log", true);
+    // Ready once it says so, without a probe connection that would count against its limit.
+    EXPECT_TRUE(eventually([&] { return logLines(" started on ") > started; }, 10s))
+        << "not ready:\n" + log();
+  }
+
+  std::vector<std::string> arguments_;
   ChildProcess process_;
 };
 

@@ -20,21 +20,6 @@ namespace {
 constexpr std::string_view kLockedBanner =
     "This system is locked. To unlock it, use a local account name and password.";
 
-// Parallel test programs add users too; useradd and friends fail rather than
-// wait while another holds the account files' lock.
-CommandResult runAccountTool(const std::string& tool, const std::vector<std::string>& arguments,
-                             std::optional<std::string_view> input = std::nullopt) {
-  static std::mutex oneAtATime;
-  const std::scoped_lock lock(oneAtATime);
-  CommandResult result;
-  for (int attempt = 0; attempt < 30; ++attempt) {
-    result = CommandRunner(30).run(tool, arguments, input);
-    if (result.exitCode == 0) break;
-    std::this_thread::sleep_for(100ms);
-  }
-  return result;
-}
-
 CommandResult runTool(const std::string& tool, const std::vector<std::string>& arguments) {
   CommandResult result = CommandRunner(30).run(tool, arguments);
   if (result.exitCode != 0) throw std::runtime_error(tool + ": " + result.standardError);
@@ -61,28 +46,6 @@ UniqueFd boundSocket(const std::string& text, std::uint16_t& port) {
 }
 
 }  // namespace
-
-std::string randomLetters(std::size_t count) {
-  std::random_device device;  // one for each call: callers are on several threads
-  std::string text(count, 'a');
-  for (char& letter : text) letter = static_cast<char>('a' + device() % 26);
-  return text;
-}
-
-ThrowawayUser::ThrowawayUser(std::string_view password) : name_(randomLetters(10)) {
-  const CommandResult added = runAccountTool("/usr/sbin/useradd", {"-m", "-s", "/bin/sh", name_});
-  if (added.exitCode != 0) throw std::runtime_error("useradd failed: " + added.standardError);
-  const CommandResult set = runAccountTool("/usr/sbin/chpasswd", {}, name_ + ":" + std::string(password));
-  if (set.exitCode != 0) {
-    runAccountTool("/usr/sbin/userdel", {"-f", "-r", name_});
-    throw std::runtime_error("chpasswd failed: " + set.standardError);
-  }
-}
-
-ThrowawayUser::~ThrowawayUser() {
-  // -f: sshd may still be closing a session of the user.
-  runAccountTool("/usr/sbin/userdel", {"-f", "-r", name_});
-}
 
 LockedMacSshd::LockedMacSshd()
     : password_(randomLetters(10) + "-" + randomLetters(10)),

@@ -19,26 +19,9 @@
 #include "core/recovery/recovery_profile.h"
 
 #include "tests/integration/child_process.h"
+#include "tests/integration/throwaway_user.h"
 
 namespace harborkeeper::testing_support {
-
-// Lower-case letters only, so that the text never matches anything else by chance.
-std::string randomLetters(std::size_t count);
-
-// A local account with a random name (useradd -m), removed with its home when
-// destroyed. The password reaches chpasswd on standard input only.
-class ThrowawayUser final {
- public:
-  explicit ThrowawayUser(std::string_view password);
-  ~ThrowawayUser();
-  ThrowawayUser(const ThrowawayUser&) = delete;
-  ThrowawayUser& operator=(const ThrowawayUser&) = delete;
-
-  [[nodiscard]] const std::string& name() const { return name_; }
-
- private:
-  std::string name_;
-};
 
 // Locked: a pre-authentication banner with the FileVault notice, password
 // authentication for the FileVault user (whose forced command "unlocks" the

@@ -3,9 +3,11 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 
+#include "core/foundation/bytes.h"
 #include "core/platform/internal/retry.h"
 
 namespace harborkeeper::internal {
@@ -52,11 +54,23 @@ void InputFeeder::writeMore() noexcept {
   }
 }
 
+OutputStream::~OutputStream() { secureWipe(bytes_); }
+
+void OutputStream::reserveWiping(std::size_t extra) {
+  if (bytes_.capacity() - bytes_.size() >= extra) return;
+  std::string larger;
+  larger.reserve(std::max(bytes_.capacity() * 2, bytes_.size() + extra));
+  larger.assign(bytes_);
+  secureWipe(bytes_);
+  bytes_.swap(larger);
+}
+
 void OutputStream::readAvailable() {
   constexpr std::size_t kChunk = std::size_t{64} * 1024;
   while (fd_.isOpen()) {
+    reserveWiping(kChunk);
     const std::size_t used = bytes_.size();
-    bytes_.resize(used + kChunk);
+    bytes_.resize(used + kChunk);  // within the capacity just reserved
     const ssize_t count = retryOnInterrupt([&] { return ::read(fd_.get(), bytes_.data() + used, kChunk); });
     bytes_.resize(used + (count > 0 ? static_cast<std::size_t>(count) : 0));
     if (count < 0 && wouldBlock(errno)) return;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -27,10 +28,16 @@ class InputFeeder final {
   std::string_view rest_;
 };
 
-// Collects one of a tool's output streams from a non-blocking pipe.
+// Collects one of a tool's output streams from a non-blocking pipe. What a
+// tool prints may be a secret (an unsealed credential), so no buffer that
+// held it is released unwiped: growing copies into a new buffer and wipes the
+// old one, and the last buffer is wiped on destruction.
 class OutputStream final {
  public:
   explicit OutputStream(UniqueFd fd) noexcept : fd_(std::move(fd)) {}
+  OutputStream(const OutputStream&) = delete;
+  OutputStream& operator=(const OutputStream&) = delete;
+  ~OutputStream();
   // -1 at end of file.
   [[nodiscard]] int fd() const noexcept { return fd_.get(); }
   [[nodiscard]] bool atEnd() const noexcept { return !fd_.isOpen(); }
@@ -40,6 +47,9 @@ class OutputStream final {
   void readAvailable();
 
  private:
+  // Ensures room for `extra` more bytes without a reallocation.
+  void reserveWiping(std::size_t extra);
+
   UniqueFd fd_;
   std::string bytes_;
 };
