@@ -138,6 +138,6 @@ int main(int argc, char** argv) {
   row("daemon: request to reply", endToEnd,
       "(" + std::to_string(endToEnd / steps).substr(0, 4) + "x the sum of its steps; target <= 1.2x)");
   std::cout << "wrong passwords: " << std::setprecision(2) << attemptsPerSecond << " attempts/s over "
-            << wrongAttempts << " tries (target <= 0.5/s: pam_unix's failure delay holds)\n";
+            << wrongAttempts << " tries (target <= 0.5/s: a rejection costs at least 2 s)\n";
   return 0;
 }

@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 #include "core/foundation/text.h"
@@ -72,13 +73,22 @@ bool carriesNul(std::string_view text) noexcept { return text.find('\0') != std:
 
 }  // namespace
 
-PamAccountDirectory::PamAccountDirectory(std::string serviceDirectory)
-    : serviceDirectory_(std::move(serviceDirectory)) {}
+PamAccountDirectory::PamAccountDirectory(std::string serviceDirectory,
+                                         std::chrono::milliseconds minimumFailureTime)
+    : serviceDirectory_(std::move(serviceDirectory)), minimumFailureTime_(minimumFailureTime) {}
 
 bool PamAccountDirectory::verifyPassword(const std::string& username,
                                          std::string_view password) const noexcept {
   // An empty name would make the modules prompt for one, and the answer is the password.
   if (username.empty() || carriesNul(username) || carriesNul(password)) return false;
+  const auto started = std::chrono::steady_clock::now();
+  const bool verified = authenticate(username, password);
+  if (!verified) std::this_thread::sleep_until(started + minimumFailureTime_);
+  return verified;
+}
+
+bool PamAccountDirectory::authenticate(const std::string& username,
+                                       std::string_view password) const noexcept {
   try {
     const std::string service(serviceName);
     // Without the file PAM would fall back to the "other" stack; never check against that.

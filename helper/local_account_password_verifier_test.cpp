@@ -44,7 +44,7 @@ TEST(LocalAccountPasswordVerifierTest, AnswersWithTheUserFacingMessage) {
 // the system's own stacks, which would reject these made-up ones.
 TEST(PamAccountDirectoryTest, ChecksAgainstTheServiceInItsOwnDirectory) {
   const TemporaryDirectory temp;
-  const PamAccountDirectory directory(temp.path().string());
+  const PamAccountDirectory directory(temp.path().string(), std::chrono::milliseconds(0));
   const auto service = temp.path() / "harborkeeper-helper";
   const struct {
     const char* name;
@@ -66,6 +66,13 @@ TEST(PamAccountDirectoryTest, ChecksAgainstTheServiceInItsOwnDirectory) {
     EXPECT_EQ(directory.verifyPassword("root", test.password), test.accepted);
   }
   EXPECT_FALSE(directory.verifyPassword("", "made up"));
+
+  // A stack that rejects at once (pam_deny has no delay) still costs a try the floor.
+  writeRaw(service, "auth required pam_deny.so\n", fs::perms(0644));
+  const PamAccountDirectory floored(temp.path().string(), std::chrono::milliseconds(300));
+  const auto started = std::chrono::steady_clock::now();
+  EXPECT_FALSE(floored.verifyPassword("root", "made up"));
+  EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(300));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // a throwaway local user, real systemd-creds sealing, a stand-in fdesetup that
 // checks what it is handed, and the real CLI.
 #include <signal.h>
+#include <unistd.h>
 
 #include <random>
 
@@ -186,6 +187,7 @@ TEST_F(ProtectionDaemonTest, SealedFileFaults) {
   const std::pair<std::string, std::function<void(const fs::path&)>> faults[] = {
       {"-26275", [](const fs::path& file) { writeRaw(file, "not sealed by anyone", fs::perms(0600)); }},
       {"-36", [](const fs::path& file) { fs::permissions(file, fs::perms(0644)); }},
+      {"-36", [](const fs::path& file) { ASSERT_EQ(::chown(file.c_str(), 65534, 65534), 0); }},
       {"-36",
        [](const fs::path& file) {
          fs::rename(file, file.string() + ".real");
