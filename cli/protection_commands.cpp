@@ -44,9 +44,11 @@ void addCredentialOptions(CLI::App& command, CredentialOptions& options) {
                                  options.passwordFromStdin);
 }
 
+// The helper is reached before the password is asked for, so nobody types it for nothing.
 ExitStatus armNextRestart(CliContext& context, const CredentialOptions& options) {
+  ipc::HelperClient& helper = context.helper();
   const SecretText password = readPassword(options);
-  return printOutcome(context, context.helper().armNextRestart(options.user, password.view()));
+  return printOutcome(context, helper.armNextRestart(options.user, password.view()));
 }
 
 ExitStatus enablePersistent(CliContext& context, const CredentialOptions& options) {

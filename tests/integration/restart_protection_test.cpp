@@ -212,10 +212,12 @@ TEST_F(ProtectionDaemonTest, SealedFileFaults) {
 TEST_F(ProtectionDaemonTest, MissingToolOrPamServiceRefuses) {
   daemon->stop(SIGTERM);
   startDaemon({"--tool", "systemd-creds=/nonexistent/systemd-creds"});
-  EXPECT_EQ(enable(password),
-            (Result{false,
-                    "Harborkeeper could not clear the previous automatic unlock state. The System "
-                    "Keychain could not be resolved. OSStatus -25291."}));
+  EXPECT_EQ(
+      daemon->cli({"persistent", "enable", "--user", user->name(), "--password-stdin"}, builtCli(),
+                  password + "\n"),
+      CliOutcome(1, "",
+                 "harborkeeper: Harborkeeper could not clear the previous automatic unlock state. The System "
+                 "Keychain could not be resolved. OSStatus -25291."));
   daemon->stop(SIGTERM);
   const TemporaryDirectory noPam;
   startDaemon({}, noPam.path());
