@@ -138,13 +138,16 @@ void HelperService::shutdown() { operations_.shutdown(); }
 // NOLINTNEXTLINE(readability-convert-member-functions-to-static): a request of the service like the others
 const std::string& HelperService::helperVersion() const { return HelperConstants::helperVersion(); }
 
-std::optional<Bytes> HelperService::fileVaultUsersData() const {
+FileVaultUserList HelperService::listFileVaultUsers() const {
   const CommandResult result =
       commandRunner_->run(configuration_.fdesetupPath, {"list"}, std::nullopt, fileVaultListTimeout);
-  const FileVaultUserList list =
-      SystemStatusService::parseFileVaultUsers(result.standardOutput, result.standardError, result.exitCode);
+  return SystemStatusService::parseFileVaultUsers(result.standardOutput, result.standardError,
+                                                  result.exitCode);
+}
+
+std::optional<Bytes> HelperService::fileVaultUsersData() const {
   try {
-    return list.encodeBinaryPlist();
+    return listFileVaultUsers().encodeBinaryPlist();
   } catch (const std::exception&) {
     return std::nullopt;
   }
@@ -154,9 +157,8 @@ std::optional<Bytes> HelperService::fileVaultUsersData() const {
 // or unreadable file is as good as none.
 std::optional<Bytes> HelperService::protectionStatusData() const {
   try {
-    const ProtectionStatusStore store(configuration_.stateDirectory, configuration_.stateOwner);
-    store.validateSecureStatusState();
-    return store.loadData();
+    protectionStatusStore_.validateSecureStatusState();
+    return protectionStatusStore_.loadData();
   } catch (const std::exception&) {
     return std::nullopt;
   }

@@ -16,6 +16,7 @@
 #include "core/platform/command_runner.h"
 #include "core/platform/serial_queue.h"
 #include "core/protection/auth_restart.h"
+#include "core/protection/file_vault_users.h"
 #include "core/protection/helper_constants.h"
 #include "core/protection/protection_status.h"
 #include "core/protection/protection_status_store.h"
@@ -120,6 +121,8 @@ class HelperService final {
   [[nodiscard]] Logger& logger() const noexcept { return logger_; }
 
  private:
+  // `fdesetup list`, parsed; a failure is carried inside the list.
+  [[nodiscard]] FileVaultUserList listFileVaultUsers() const;
   // Fresh on every arming: the one FileVault user, and exactly the one chosen.
   [[nodiscard]] std::optional<FileVaultUserValidationFailure> validateSelectedFileVaultUser(
       std::string_view username) const;

@@ -16,8 +16,6 @@ namespace {
 
 using Result = ipc::HelperCommandResult;
 
-constexpr double fileVaultListTimeout = 30.0;
-
 Result failure(std::string message) { return {false, std::move(message)}; }
 
 bool isMissingCredential(const CredentialStoreError& error) {
@@ -30,10 +28,7 @@ std::optional<FileVaultUserValidationFailure> HelperService::validateSelectedFil
     std::string_view username) const {
   const std::string selected = text::trimmed(username);
   if (selected.empty()) return FileVaultUserValidationFailure{failure("Choose a FileVault user."), false};
-  const CommandResult listed =
-      commandRunner_->run(configuration_.fdesetupPath, {"list"}, std::nullopt, fileVaultListTimeout);
-  const FileVaultUserList list =
-      SystemStatusService::parseFileVaultUsers(listed.standardOutput, listed.standardError, listed.exitCode);
+  const FileVaultUserList list = listFileVaultUsers();
   if (list.unavailableReason) {
     return FileVaultUserValidationFailure{
         failure("Harborkeeper could not verify FileVault users before arming authenticated restart."), false};
