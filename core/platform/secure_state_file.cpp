@@ -1,5 +1,6 @@
 #include "core/platform/secure_state_file.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <string_view>
+#include <vector>
 
 #include "core/platform/internal/retry.h"
 #include "core/platform/unique_fd.h"
@@ -152,10 +154,33 @@ void syncDirectory(int directory, const std::string& path) {
   if (::fsync(directory) != 0) throw FileSystemError(errno, "Could not sync", path);
 }
 
+constexpr std::size_t kSuffixLength = 8;
+
+// A write cut short by a crash (killed between creating its temporary copy and
+// renaming it) leaves the copy behind; the next write of the same file clears
+// it. Callers serialise writes of one file, so no live copy is taken.
+void removeStaleTemporaries(int directory, const std::string& fileName) noexcept {
+  const int listing = ::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (listing < 0) return;
+  DIR* entries = ::fdopendir(listing);
+  if (entries == nullptr) {
+    ::close(listing);
+    return;
+  }
+  const std::string prefix = "." + fileName + ".";
+  std::vector<std::string> stale;
+  while (const dirent* entry = ::readdir(entries)) {
+    const std::string_view name(entry->d_name);
+    if (name.size() == prefix.size() + kSuffixLength && name.starts_with(prefix)) stale.emplace_back(name);
+  }
+  ::closedir(entries);
+  for (const std::string& name : stale) ::unlinkat(directory, name.c_str(), 0);  // never a directory
+}
+
 std::string randomSuffix(const std::string& targetPath) {
   static constexpr std::string_view alphabet =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
-  unsigned char random[8] = {};
+  unsigned char random[kSuffixLength] = {};
   if (::getrandom(random, sizeof random, 0) != static_cast<ssize_t>(sizeof random)) {
     throw FileSystemError(errno, "Could not write", targetPath);
   }
@@ -219,6 +244,7 @@ SecureStateFile::SecureStateFile(std::string directoryPath, std::string fileName
 void SecureStateFile::write(const Bytes& bytes) const {
   {
     const UniqueFd directory = openDirectoryForWrite(directoryPath_, expectedOwner_, beforeOpen_);
+    removeStaleTemporaries(directory.get(), fileName_);
     TemporaryFile temporary(directory.get(), fileName_, filePath_);
     writeAll(temporary.fd(), bytes, filePath_);
     if (::fsync(temporary.fd()) != 0) throw FileSystemError(errno, "Could not write", filePath_);

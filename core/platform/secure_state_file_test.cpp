@@ -34,9 +34,14 @@ TEST_F(SecureStateFileTest, MissingFileIsNothingUntilWrittenAndAfterRemoval) {
   // Looking creates nothing.
   EXPECT_TRUE(!file_.exists() && !file_.read() && !file_.remove() && !fs::exists(root_ / "parent"));
   file_.write(toBytes("a much longer first version"));
+  // A copy left by a write that was killed before its rename goes with the next write; others stay.
+  writeRaw(dir_ / ".Status.plist.k1LLed00", "half");
+  writeRaw(dir_ / ".Status.plist.kept", "not ours");
   file_.write(toBytes("short"));
   EXPECT_EQ(toString(file_.read().value()), "short");
   EXPECT_TRUE(modeOf(dir_) == 0700u && modeOf(path_) == 0600u);
+  EXPECT_FALSE(fs::exists(dir_ / ".Status.plist.k1LLed00"));
+  fs::remove(dir_ / ".Status.plist.kept");
   EXPECT_EQ(entryCount(dir_), 1);  // no temporary file left behind
   const std::string largest(SecureStateFile::maximumFileSize, 'a');
   file_.write(toBytes(largest));

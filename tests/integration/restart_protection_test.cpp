@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <random>
+#include <set>
 
 #include <gtest/gtest.h>
 
@@ -243,6 +244,11 @@ TEST_F(ProtectionDaemonTest, KilledWhileArmingNeverLeavesAHalfWrittenFile) {
           EXPECT_EQ(plist::requireData(plist::asDictionary(unsealed()), "password"), toBytes(password)));
     }
   }
+  // The next complete write clears any copy a killed one left behind.
+  ASSERT_EQ(enable(password), (Result{true, std::string(kEnabled)}));
+  std::set<std::string> left;
+  for (const auto& entry : fs::directory_iterator(state())) left.insert(entry.path().filename());
+  EXPECT_EQ(left, (std::set<std::string>{"PersistentCredential.cred", "ProtectionStatus.plist"}));
 }
 
 }  // namespace
