@@ -2,6 +2,9 @@
 
 #include "cli/cli_context.h"
 #include "cli/helper_commands.h"
+#include "cli/discovery_commands.h"
+#include "cli/export_commands.h"
+#include "cli/link_commands.h"
 #include "cli/profile_commands.h"
 #include "cli/protection_commands.h"
 #include "cli/recovery_commands.h"
@@ -36,6 +39,9 @@ void configure(CLI::App& app, CliContext& context) {
   registerProtectionCommands(app, context);
   registerProfileCommands(app, context);
   registerRecoveryCommands(app, context);
+  registerLinkCommands(app, context);
+  registerExportCommands(app, context);
+  registerDiscoveryCommands(app, context);
 }
 
 // "harborkeeper users" for an error inside `users`.

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/discovery_commands.h"
 #include "cli/recovery_commands.h"
 #include "cli/recovery_output.h"
 #include "core/foundation/text.h"
@@ -33,6 +34,8 @@ struct NewProfile {
   std::string wolBroadcast;
   std::int64_t wolPort = 9;
   std::string notes;
+  std::string fromDiscovery;  // a service name
+  const CLI::Option* portOption = nullptr;
 };
 
 const std::map<std::string, RecoveryHostKeyTrustPolicy> kTrustChoices = {
@@ -74,6 +77,21 @@ RecoveryProfile makeProfile(const NewProfile& options) {
   return profile;
 }
 
+// What the announcement says, where the command line said nothing.
+void fillFromDiscovery(RecoveryProfile& profile, const NewProfile& options) {
+  const RecoveryDiscoveryCandidate candidate =
+      requireDiscoveredCandidate(options.fromDiscovery, defaultDiscoveryTimeout);
+  if (options.host.empty()) {
+    profile.localHostname = text::trimmed(candidate.normalizedHostname());
+    if (!sshArgumentValidator()(profile.localHostname).empty()) {
+      throw CommandError("The discovered host name cannot be used; give one with --host.");
+    }
+  }
+  if (options.portOption->count() == 0) profile.sshPort = candidate.port;
+  if (options.ips.empty()) profile.lastKnownLocalIPs = candidate.lastKnownLocalIPs;
+  profile.lastPairingSessionIdentifier = candidate.pairingSessionIdentifier();
+}
+
 ExitStatus add(CliContext& context, const NewProfile& options) {
   const RecoveryProfileStore store = context.profileStore();
   std::vector<RecoveryProfile> profiles = store.load();
@@ -81,6 +99,7 @@ ExitStatus add(CliContext& context, const NewProfile& options) {
   if (RecoveryProfileStore::find(profiles, profile.macName) != nullptr) {
     throw CommandError("A profile named " + profile.macName + " already exists.");
   }
+  if (!options.fromDiscovery.empty()) fillFromDiscovery(profile, options);
   profiles.push_back(profile);
   store.save(profiles);
   context.out() << "Added profile " << profile.macName << " (" << profile.id << ").\n";
@@ -150,11 +169,19 @@ void addNewProfileOptions(CLI::App& command, NewProfile& o) {
       ->check(CLI::Validator(
           [](const std::string& value) { return text::trimmed(value).empty() ? "must not be empty" : ""; },
           ""));
-  command.add_option("--host", o.host, "Its local host name, e.g. studio.local")->required()->check(ssh);
+  CLI::Option_group* source = command.add_option_group(
+      "host", "Where the machine is: given, announced on the network, or both (what is given wins)");
+  source->add_option("--host", o.host, "Its local host name, e.g. studio.local")->check(ssh);
+  source
+      ->add_option("--from-discovery", o.fromDiscovery,
+                   "Take the host, port and addresses from the machine announced on the local network under "
+                   "this name (see discover)")
+      ->type_name("SERVICE_NAME");
+  source->require_option(1, 2);
   command.add_option("--user", o.user, "The account whose password unlocks FileVault")
       ->required()
       ->check(ssh);
-  addPortOption(command, o.port, "SSH port");
+  o.portOption = addPortOption(command, o.port, "SSH port");
   command.add_option("--normal-user", o.normalUser, "Account for ordinary SSH after boot (default: --user)")
       ->check(ssh);
   command.add_option("--vpn-host", o.vpnHost, "Host name on your VPN, tried first")->check(ssh);

@@ -6,6 +6,9 @@ find_package(ICU 72 REQUIRED COMPONENTS uc i18n)
 find_package(nlohmann_json 3.11 REQUIRED)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
 pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+# URL parsing (and later HTTP) and DNS-SD through Avahi's dns_sd.h compatibility library.
+pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
+pkg_check_modules(DNSSD REQUIRED IMPORTED_TARGET avahi-compat-libdns_sd)
 find_package(CLI11 2.1 REQUIRED)
 
 # Linux-PAM 1.4 or later, for pam_start_confdir. PAM::PAM works with or without a pam.pc.
