@@ -1,6 +1,5 @@
 #include <unistd.h>
 
-#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -34,8 +33,8 @@ struct MemoryVault final : CredentialVault {
     return addStatus;
   }
   OSStatus copyItem(std::string_view, std::optional<CredentialItem>& copied) noexcept override {
-    if (copyStatus != 0) return copyStatus;
     copied = item;
+    if (copyStatus != 0) return copyStatus;
     return item ? KeychainStatus::success : KeychainStatus::itemNotFound;
   }
   std::optional<CredentialItem> item;
@@ -45,38 +44,19 @@ struct MemoryVault final : CredentialVault {
 struct Accounts final : AccountDirectory {
   bool verifyPassword(const std::string& username, std::string_view password) const noexcept override {
     ++checks;
-    const auto found = passwords.find(username);
-    return found != passwords.end() && found->second == password;
+    return username == "alice" && password == alicePassword;
   }
-  std::map<std::string, std::string> passwords{{"alice", " s3cret\n"}};
+  std::string alicePassword = " s3cret\n";
   mutable int checks = 0;
 };
 
+const Date kNow(std::chrono::seconds(1'800'000'000));
 struct FixedClock final : Clock {
-  Date now() const noexcept override { return Date(std::chrono::seconds(1'800'000'000)); }
+  Date now() const noexcept override { return kNow; }
   std::chrono::nanoseconds uptime() const noexcept override { return {}; }
 };
 
-const CommandResult oneUser{"alice,5B6C1E8A", "", 0, false};
-const CommandResult twoUsers{"alice\nbob", "", 0, false};
-const CommandResult listFails{"", "fdesetup: not root", 1, false};
-const CommandResult armed{"", "", 0, false};
-
-constexpr std::string_view armedText = "Harborkeeper armed authenticated restart for the next restart.";
-constexpr std::string_view enabledText = "Persistent protection is enabled and the next restart is armed.";
-constexpr std::string_view rejectedText = "The selected user's password was rejected.";
-constexpr std::string_view countText =
-    "Harborkeeper v1 requires exactly one FileVault-enabled local user before arming authenticated restart.";
-constexpr std::string_view mismatchText =
-    "The selected FileVault user no longer matches the detected local FileVault user. Refresh status and "
-    "choose "
-    "the detected user.";
-constexpr std::string_view unverifiableText =
-    "Harborkeeper could not verify FileVault users before arming authenticated restart.";
-constexpr std::string_view missingText = "No persistent Harborkeeper credential is stored.";
-constexpr std::string_view disabledText =
-    "Persistent protection is disabled. This does not cancel an authenticated restart that macOS has already "
-    "armed.";
+const std::string kOld = " s3cret\n", kNew = "new pw";
 
 struct ProtectionTest : testing::Test {
   HelperService& service() {
@@ -88,25 +68,27 @@ struct ProtectionTest : testing::Test {
     }
     return *service_;
   }
-  void storeCredential(const std::string& username, const std::string& password) {
+  // Alice is the one FileVault user, her credential is stored and a one-time status recorded.
+  void reset() {
+    *vault = MemoryVault{};
+    *accounts = Accounts{};
+    tools->replies = {{"fdesetup list", {"alice,5B6C1E8A", "", 0, false}}, {"fdesetup authrestart", {}}};
+    storeCredential(kOld);
+    store.store({Mode::nextRestart, true, Date(), "earlier"});
+  }
+  void storeCredential(const std::string& password) {
     vault->item = CredentialItem{};
-    vault->item->account = username;
+    vault->item->account = "alice";
     vault->item->passwordData = password;
   }
-  void recordStatus(Mode mode, bool succeeded = true) {
-    ProtectionStatusStore(state, ::getuid()).store({mode, succeeded, Date(), "earlier"});
-  }
   [[nodiscard]] std::optional<HelperProtectionStatus> status() const {
-    const auto data = ProtectionStatusStore(state, ::getuid()).loadData();
-    if (!data) return std::nullopt;
-    return HelperProtectionStatus::decode(asStringView(*data));
-  }
-  [[nodiscard]] std::optional<std::string> storedPassword() const {
-    return vault->item ? std::optional(vault->item->passwordData) : std::nullopt;
+    const auto data = store.loadData();
+    return data ? std::optional(HelperProtectionStatus::decode(asStringView(*data))) : std::nullopt;
   }
 
   const TemporaryDirectory temp;
   const fs::path state = temp.path() / "state";
+  const ProtectionStatusStore store{state, ::getuid()};
   std::shared_ptr<RecordingTools> tools = std::make_shared<RecordingTools>();
   std::shared_ptr<MemoryVault> vault = std::make_shared<MemoryVault>();
   std::shared_ptr<Accounts> accounts = std::make_shared<Accounts>();
@@ -114,240 +96,177 @@ struct ProtectionTest : testing::Test {
   std::unique_ptr<HelperService> service_;
 };
 
-HelperProtectionStatus recorded(Mode mode, bool succeeded, std::string_view message) {
-  return {mode, succeeded, Date(std::chrono::seconds(1'800'000'000)), std::string(message)};
+enum class Request { arm, enable, rearm, disable };
+// Things that differ from the starting point of the table.
+using Change = void (*)(ProtectionTest&);
+void listing(ProtectionTest& t, CommandResult r) { t.tools->replies["fdesetup list"] = std::move(r); }
+void arming(ProtectionTest& t, CommandResult r) { t.tools->replies["fdesetup authrestart"] = std::move(r); }
+const Change twoUsers = [](ProtectionTest& t) { listing(t, {"alice\nbob", "", 0, false}); };
+const Change otherUser = [](ProtectionTest& t) { listing(t, {"bob", "", 0, false}); };
+const Change listFails = [](ProtectionTest& t) { listing(t, {"", "fdesetup: not root", 1, false}); };
+const Change armFails = [](ProtectionTest& t) { arming(t, {"", "", 3, false}); };
+const Change armFailsSaying = [](ProtectionTest& t) { arming(t, {"no", "", 3, false}); };
+const Change passwordChanged = [](ProtectionTest& t) { t.accounts->alicePassword = "changed"; };
+const Change newPasswordSet = [](ProtectionTest& t) { t.accounts->alicePassword = kNew; };
+const Change deleteFails = [](ProtectionTest& t) { t.vault->deleteStatus = -36; };
+const Change addFails = [](ProtectionTest& t) { t.vault->addStatus = -25291; };
+const Change copyFails = [](ProtectionTest& t) { t.vault->copyStatus = -26275; };
+const Change unresolved = [](ProtectionTest& t) { t.vault->resolveStatus = -25291; };
+const Change nothingStored = [](ProtectionTest& t) { t.vault->item.reset(); };
+const Change unusableStored = [](ProtectionTest& t) { t.storeCredential("\xff\xfe"); };
+const Change persistentBefore = [](ProtectionTest& t) {
+  t.store.store({Mode::persistent, true, Date(), "x"});
+};
+
+Result run(HelperService& service, Request request) {
+  switch (request) {
+    case Request::arm:
+      return service.armNextRestart(" alice ", kOld);
+    case Request::enable:
+      return service.enablePersistentProtection("alice", kNew, Date());
+    case Request::rearm:
+      return service.armPersistentProtection();
+    case Request::disable:
+      return service.disablePersistentProtection();
+  }
+  return {};
 }
 
-// Each row starts from a stored credential for alice and a recorded one-time
-// status, changes one thing, runs one request and checks the reply, the
-// status left behind and the credential left behind.
+const std::string kArmed = "Harborkeeper armed authenticated restart for the next restart.";
+const std::string kRejected = "The selected user's password was rejected.";
+const std::string kCount =
+    "Harborkeeper v1 requires exactly one FileVault-enabled local user before arming authenticated restart.";
+const std::string kUnverifiable =
+    "Harborkeeper could not verify FileVault users before arming authenticated restart.";
+const std::string kArmFailed = "fdesetup authrestart failed with exit code 3.";
+const std::string kMissing = "No persistent Harborkeeper credential is stored.";
+const std::string kDisabled =
+    "Persistent protection is disabled. This does not cancel an authenticated restart that macOS has already "
+    "armed.";
+const std::string kUnremovable = "The stored Harborkeeper credential could not be removed. OSStatus -36.";
+
+// Each row changes one or two things from the starting point, runs one
+// request and checks the reply, the status left behind (recorded in `mode`
+// with the reply's flag and message, or no file) and the stored password.
 TEST_F(ProtectionTest, StateTable) {
+  enum Credential { kept, replaced, gone };
   struct Row {
-    const char* name;
-    std::function<void(ProtectionTest&)> setUp;
-    std::function<Result(HelperService&)> request;
-    Result reply;
-    std::optional<HelperProtectionStatus> status;  // nullopt: no file
-    std::optional<std::string> credential;         // the stored password
+    Request request;
+    std::vector<Change> changes;
+    bool success;
+    std::string message;
+    std::optional<Mode> recordedAs;
+    Credential credential;
   };
-  const auto arm = [](HelperService& s) { return s.armNextRestart(" alice ", " s3cret\n"); };
-  const auto enable = [](HelperService& s) {
-    return s.enablePersistentProtection("alice", "new pw", Date());
-  };
-  const auto rearm = [](HelperService& s) { return s.armPersistentProtection(); };
-  const auto disable = [](HelperService& s) { return s.disablePersistentProtection(); };
-  const auto none = [](ProtectionTest&) {};
-  const std::string old = " s3cret\n";
+  using enum Request;
+  const std::optional<Mode> once = Mode::nextRestart, persistent = Mode::persistent, noFile;
   const Row rows[] = {
-      {"arm", none, arm, {true, std::string(armedText)}, recorded(Mode::nextRestart, true, armedText), old},
-      {"arm, two users",
-       [](auto& t) { t.tools->replies["fdesetup list"] = twoUsers; },
-       arm,
-       {false, std::string(countText)},
-       recorded(Mode::nextRestart, false, countText),
-       old},
-      {"arm, wrong password",
-       [](auto& t) { t.accounts->passwords["alice"] = "other"; },
-       arm,
-       {false, std::string(rejectedText)},
-       recorded(Mode::nextRestart, false, rejectedText),
-       old},
-      {"arm, list fails",
-       [](auto& t) { t.tools->replies["fdesetup list"] = listFails; },
-       arm,
-       {false, std::string(unverifiableText)},
-       recorded(Mode::nextRestart, false, unverifiableText),
-       old},
-      {"arm, fdesetup fails",
-       [](auto& t) {
-         t.tools->replies["fdesetup authrestart"] = {"", "", 3, false};
-       },
-       arm,
-       {false, "fdesetup authrestart failed with exit code 3."},
-       recorded(Mode::nextRestart, false, "fdesetup authrestart failed with exit code 3."),
-       old},
-      {"enable",
-       [](auto& t) { t.accounts->passwords["alice"] = "new pw"; },
-       enable,
-       {true, std::string(enabledText)},
-       recorded(Mode::persistent, true, enabledText),
-       "new pw"},
-      // The earlier credential is gone before the password was looked at.
-      {"enable, wrong password",
-       none,
-       enable,
-       {false, std::string(rejectedText)},
-       recorded(Mode::persistent, false, rejectedText),
-       std::nullopt},
-      {"enable, other user",
-       [](auto& t) {
-         t.tools->replies["fdesetup list"] = {"bob", "", 0, false};
-       },
-       enable,
-       {false, std::string(mismatchText)},
-       recorded(Mode::persistent, false, mismatchText),
-       std::nullopt},
+      {arm, {}, true, kArmed, once, kept},
+      {arm, {twoUsers}, false, kCount, once, kept},
+      {arm, {passwordChanged}, false, kRejected, once, kept},
+      {arm, {listFails}, false, kUnverifiable, once, kept},
+      {arm, {armFails}, false, kArmFailed, once, kept},
+      {enable,
+       {newPasswordSet},
+       true,
+       "Persistent protection is enabled and the next restart is armed.",
+       persistent,
+       replaced},
+      // The earlier credential is gone before the password is looked at.
+      {enable, {}, false, kRejected, persistent, gone},
+      {enable,
+       {otherUser},
+       false,
+       "The selected FileVault user no longer matches the detected local FileVault user. Refresh status and "
+       "choose "
+       "the detected user.",
+       persistent,
+       gone},
       // Not checkable is not wrong: the credential stays.
-      {"enable, list fails",
-       [](auto& t) { t.tools->replies["fdesetup list"] = listFails; },
-       enable,
-       {false, std::string(unverifiableText)},
-       recorded(Mode::persistent, false, unverifiableText),
-       old},
-      {"enable, clear fails",
-       [](auto& t) { t.vault->deleteStatus = -36; },
-       enable,
-       {false,
-        "Harborkeeper could not clear the previous automatic unlock state. The stored Harborkeeper "
-        "credential "
-        "could not be removed. OSStatus -36."},
-       recorded(Mode::persistent, false,
-                "Harborkeeper could not clear the previous automatic unlock state. The stored Harborkeeper "
-                "credential could not be removed. OSStatus -36."),
-       old},
-      {"enable, fdesetup fails",
-       [](auto& t) {
-         t.accounts->passwords["alice"] = "new pw";
-         t.tools->replies["fdesetup authrestart"] = {"", "", 3, false};
-       },
-       enable,
-       {false, "fdesetup authrestart failed with exit code 3."},
-       recorded(Mode::persistent, false, "fdesetup authrestart failed with exit code 3."),
-       std::nullopt},
-      {"enable, sealing fails",
-       [](auto& t) {
-         t.accounts->passwords["alice"] = "new pw";
-         t.vault->addStatus = -25291;
-       },
-       enable,
-       {false,
-        "Authenticated restart was armed for the next restart, but persistent protection could not be "
-        "stored. "
-        "The credential could not be stored in the System Keychain. OSStatus -25291."},
-       recorded(
-           Mode::persistent, false,
-           "Authenticated restart was armed for the next restart, but persistent protection could not be "
-           "stored. The credential could not be stored in the System Keychain. OSStatus -25291."),
-       std::nullopt},
-      {"rearm",
-       none,
-       rearm,
-       {true, std::string(armedText)},
-       recorded(Mode::persistent, true, armedText),
-       old},
+      {enable, {listFails}, false, kUnverifiable, persistent, kept},
+      {enable,
+       {deleteFails},
+       false,
+       "Harborkeeper could not clear the previous automatic unlock state. " + kUnremovable,
+       persistent,
+       kept},
+      {enable, {newPasswordSet, armFails}, false, kArmFailed, persistent, gone},
+      {enable,
+       {newPasswordSet, addFails},
+       false,
+       "Authenticated restart was armed for the next restart, but persistent protection could not be stored. "
+       "The "
+       "credential could not be stored in the System Keychain. OSStatus -25291.",
+       persistent,
+       gone},
+      {rearm, {}, true, kArmed, persistent, kept},
       // Never enabled: the launch leaves nothing behind, a one-time status included.
-      {"rearm, nothing stored",
-       [](auto& t) { t.vault->item.reset(); },
-       rearm,
-       {false, std::string(missingText)},
-       std::nullopt,
-       std::nullopt},
-      {"rearm, nothing stored after persistent",
-       [](auto& t) {
-         t.vault->item.reset();
-         t.recordStatus(Mode::persistent);
-       },
-       rearm,
-       {false, std::string(missingText)},
-       recorded(Mode::persistent, false, missingText),
-       std::nullopt},
-      {"rearm, unusable credential",
-       [](auto& t) { t.storeCredential("alice", "\xff\xfe"); },
-       rearm,
-       {false, "The stored Harborkeeper credential is invalid."},
-       recorded(Mode::persistent, false, "The stored Harborkeeper credential is invalid."),
-       std::nullopt},
+      {rearm, {nothingStored}, false, kMissing, noFile, gone},
+      {rearm, {nothingStored, persistentBefore}, false, kMissing, persistent, gone},
+      {rearm, {unusableStored}, false, "The stored Harborkeeper credential is invalid.", persistent, gone},
       // Unreadable now is not gone: kept for the next launch.
-      {"rearm, unreadable credential",
-       [](auto& t) { t.vault->copyStatus = -26275; },
-       rearm,
-       {false, "The stored credential could not be read from the System Keychain. OSStatus -26275."},
-       recorded(Mode::persistent, false,
-                "The stored credential could not be read from the System Keychain. OSStatus -26275."),
-       old},
-      {"rearm, vault unavailable",
-       [](auto& t) { t.vault->resolveStatus = -25291; },
-       rearm,
-       {false, "The System Keychain could not be resolved. OSStatus -25291."},
-       recorded(Mode::persistent, false, "The System Keychain could not be resolved. OSStatus -25291."),
-       old},
-      {"rearm, password changed",
-       [](auto& t) { t.accounts->passwords["alice"] = "changed"; },
-       rearm,
-       {false, std::string(rejectedText)},
-       recorded(Mode::persistent, false, rejectedText),
-       std::nullopt},
-      {"rearm, two users",
-       [](auto& t) { t.tools->replies["fdesetup list"] = twoUsers; },
-       rearm,
-       {false, std::string(countText)},
-       recorded(Mode::persistent, false, countText),
-       std::nullopt},
-      {"rearm, fdesetup fails",
-       [](auto& t) {
-         t.tools->replies["fdesetup authrestart"] = {"no", "", 3, false};
-       },
-       rearm,
-       {false, "no"},
-       recorded(Mode::persistent, false, "no"),
-       old},
-      {"disable", none, disable, {true, std::string(disabledText)}, std::nullopt, std::nullopt},
-      {"disable, nothing stored",
-       [](auto& t) { t.vault->item.reset(); },
-       disable,
-       {true, std::string(disabledText)},
-       std::nullopt,
-       std::nullopt},
-      {"disable, delete fails",
-       [](auto& t) { t.vault->deleteStatus = -36; },
-       disable,
-       {false, "The stored Harborkeeper credential could not be removed. OSStatus -36."},
-       std::nullopt,
-       old},
+      {rearm,
+       {copyFails},
+       false,
+       "The stored credential could not be read from the System Keychain. OSStatus -26275.",
+       persistent,
+       kept},
+      {rearm,
+       {unresolved},
+       false,
+       "The System Keychain could not be resolved. OSStatus -25291.",
+       persistent,
+       kept},
+      {rearm, {passwordChanged}, false, kRejected, persistent, gone},
+      {rearm, {twoUsers}, false, kCount, persistent, gone},
+      {rearm, {armFailsSaying}, false, "no", persistent, kept},
+      {disable, {}, true, kDisabled, noFile, gone},
+      {disable, {nothingStored}, true, kDisabled, noFile, gone},
+      {disable, {deleteFails}, false, kUnremovable, noFile, kept},
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    ProtectionTest& t = *this;
-    *t.vault = MemoryVault{};
-    *t.accounts = Accounts{};
-    t.tools->replies = {{"fdesetup list", oneUser}, {"fdesetup authrestart", armed}};
-    t.storeCredential("alice", old);
-    ProtectionStatusStore(state, ::getuid()).clear();
-    t.recordStatus(Mode::nextRestart);
-    row.setUp(t);
-    EXPECT_EQ(row.request(service()), row.reply);
-    EXPECT_EQ(status(), row.status);
-    EXPECT_EQ(storedPassword(), row.credential);
+    SCOPED_TRACE(testing::Message() << "request " << int(row.request) << ": " << row.message);
+    reset();
+    for (const Change change : row.changes) change(*this);
+    EXPECT_EQ(run(service(), row.request), (Result{row.success, row.message}));
+    const auto expected =
+        row.recordedAs
+            ? std::optional(HelperProtectionStatus{*row.recordedAs, row.success, kNow, row.message})
+            : std::nullopt;
+    EXPECT_EQ(status(), expected);
+    const std::optional<std::string> password =
+        vault->item ? std::optional(vault->item->passwordData) : std::nullopt;
+    EXPECT_EQ(password,
+              row.credential == gone ? std::nullopt : std::optional(row.credential == kept ? kOld : kNew));
   }
 }
 
 // Two users are refused before the password is looked at or fdesetup armed.
 TEST_F(ProtectionTest, RefusalsComeBeforeThePasswordCheck) {
-  tools->replies["fdesetup list"] = twoUsers;
+  reset();
+  twoUsers(*this);
   (void)service().armNextRestart("alice", "pw");
   (void)service().enablePersistentProtection("alice", "pw", Date());
   EXPECT_EQ(accounts->checks, 0);
   EXPECT_EQ(tools->runsOf("fdesetup authrestart"), 0U);
-  EXPECT_EQ(tools->runsOf("fdesetup list"), 2U);
 }
 
 // A status that cannot be written turns a success into a failure that says so.
 TEST_F(ProtectionTest, UnrecordableSuccessIsReportedAndPersistentStateCleared) {
-  tools->replies = {{"fdesetup list", oneUser}, {"fdesetup authrestart", armed}};
-  storeCredential("alice", " s3cret\n");
+  reset();
+  fs::remove_all(state);
   writeRaw(state, "a file where the directory belongs", fs::perms(0600));
-  const std::string storeError = "Harborkeeper could not write protection status. ";
-  const Result oneTime = service().armNextRestart("alice", " s3cret\n");
-  EXPECT_FALSE(oneTime.success);
-  EXPECT_TRUE(oneTime.message.starts_with(
-      "Authenticated restart was armed, but Harborkeeper could not record protection proof. " + storeError))
-      << oneTime.message;
-  EXPECT_TRUE(storedPassword());
+  const std::string storeError =
+      "Harborkeeper could not record protection proof. Harborkeeper could not write ";
+  EXPECT_TRUE(service()
+                  .armNextRestart("alice", kOld)
+                  .message.starts_with("Authenticated restart was armed, but " + storeError));
+  EXPECT_TRUE(vault->item);
   const Result persistent = service().armPersistentProtection();
-  EXPECT_TRUE(persistent.message.starts_with(
-      "Persistent protection was armed, but Harborkeeper could not record protection proof. " + storeError))
+  EXPECT_TRUE(persistent.message.starts_with("Persistent protection was armed, but " + storeError))
       << persistent.message;
-  EXPECT_EQ(storedPassword(), std::nullopt);
+  EXPECT_FALSE(persistent.success);
+  EXPECT_FALSE(vault->item);
 }
 
 }  // namespace
