@@ -13,9 +13,23 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing_support::contentOf;
+using testing_support::entryCount;
 using testing_support::modeOf;
 using testing_support::TemporaryDirectory;
 using testing_support::writeRaw;
+
+struct CliRun {
+  int status;
+  std::string out, err;
+};
+
+CliRun run(std::vector<const char*> arguments) {
+  arguments.insert(arguments.begin(), "harborkeeper");
+  std::ostringstream out;
+  std::ostringstream err;
+  const int status = runCli(static_cast<int>(arguments.size()), arguments.data(), out, err);
+  return {status, out.str(), err.str()};
+}
 
 RecoveryProfile profileNamed(std::string name) {
   RecoveryProfile profile;
@@ -26,66 +40,48 @@ RecoveryProfile profileNamed(std::string name) {
   return profile;
 }
 
-int run(std::vector<const char*> arguments, std::string& out, std::string& err) {
-  arguments.insert(arguments.begin(), "harborkeeper");
-  std::ostringstream outStream;
-  std::ostringstream errStream;
-  const int status = runCli(static_cast<int>(arguments.size()), arguments.data(), outStream, errStream);
-  out = outStream.str();
-  err = errStream.str();
-  return status;
-}
-
-TEST(ExportCommandsTest, WritesAPrivateFileOrPrintsAndRefusesSensitiveNames) {
+// Every refusal or failed write must leave the last export and no temporary file.
+TEST(ExportCommandsTest, WritesAPrivateFileOrPrintsOrLeavesTheOldFile) {
   const TemporaryDirectory directory;
-  const std::string profiles = (directory.path() / "profiles.json").string();
-  const std::string output = (directory.path() / "docker.json").string();
+  const fs::path dir = directory.path();
+  const std::string profiles = (dir / "profiles.json").string();
+  const std::string sensitive = (dir / "sensitive.json").string();
+  const std::string output = (dir / "docker.json").string();
+  const std::string blocked = (dir / "directory").string();
   const std::vector<RecoveryProfile> list{profileNamed("Studio")};
   RecoveryProfileStore(profiles).save(list);
+  RecoveryProfileStore(sensitive).save({profileNamed("PassWord box")});
   writeRaw(output, "old", fs::perms(0644));
-  std::string out;
-  std::string err;
+  fs::create_directory(blocked);
+  const std::string written =
+      LocalUnlockerProfileExporter::dockerProfilesJSON(list, "https://a.example/", {}) + "\n";
 
-  ASSERT_EQ(run({"export", "docker", "--profiles", profiles.c_str(), "--approval-worker-url",
-                 "https://a.example/", "--output", output.c_str()},
-                out, err),
-            0)
-      << err;
-  EXPECT_EQ(out, "Exported 1 profile for the Docker agent to " + output + ".\n");
-  EXPECT_EQ(contentOf(output),
-            LocalUnlockerProfileExporter::dockerProfilesJSON(list, "https://a.example/", {}) + "\n");
-  EXPECT_EQ(modeOf(output), 0600U);
-  EXPECT_EQ(std::distance(fs::directory_iterator(directory.path()), {}), 2);  // no temporary file left
-
-  ASSERT_EQ(run({"export", "windows", "--profiles", profiles.c_str(), "--listener-id", " l-1 "}, out, err),
-            0);
-  EXPECT_EQ(out, LocalUnlockerProfileExporter::windowsProfilesJSON(list, {}, "l-1") + "\n");
-
-  RecoveryProfileStore(profiles).save({profileNamed("PassWord box")});
-  EXPECT_EQ(run({"export", "docker", "--profiles", profiles.c_str(), "--output", output.c_str()}, out, err),
-            1);
-  EXPECT_EQ(err,
-            "harborkeeper: The export mentions \"password\" (in a profile name, user name, host or option); "
-            "nothing was written.\n");
-  EXPECT_EQ(out, "");
-  EXPECT_EQ(contentOf(output),
-            LocalUnlockerProfileExporter::dockerProfilesJSON(list, "https://a.example/", {}) + "\n");
-}
-
-TEST(ExportCommandsTest, AFailedWriteNamesTheFileAndLeavesNothing) {
-  const TemporaryDirectory directory;
-  const fs::path missing = directory.path() / "missing" / "out.json";
-  try {
-    writePrivateFileAtomically(missing, "[]");
-    ADD_FAILURE() << "wrote into a missing directory";
-  } catch (const CommandError& error) {
-    EXPECT_EQ(std::string(error.what()),
-              "Could not write " + missing.string() + ": No such file or directory.");
+  // {arguments after "export FORMAT --profiles", what is printed: a refusal on standard error}
+  const std::pair<std::vector<const char*>, std::string> cases[] = {
+      {{"docker", profiles.c_str(), "--approval-worker-url", "https://a.example/", "--output",
+        output.c_str()},
+       "Exported 1 profile for the Docker agent to " + output + ".\n"},
+      {{"windows", profiles.c_str(), "--listener-id", " l-1 "},
+       LocalUnlockerProfileExporter::windowsProfilesJSON(list, {}, "l-1") + "\n"},
+      {{"docker", sensitive.c_str(), "--output", output.c_str()},
+       "harborkeeper: The export mentions \"password\" (in a profile name, user name, host or option); "
+       "nothing was written.\n"},
+      {{"docker", profiles.c_str(), "--output", blocked.c_str()},  // rename cannot replace a directory
+       "harborkeeper: Could not write " + blocked + ": Is a directory.\n"},
+  };
+  for (const auto& [given, printed] : cases) {
+    SCOPED_TRACE(given.back());
+    std::vector<const char*> arguments{"export", given[0], "--profiles"};
+    arguments.insert(arguments.end(), given.begin() + 1, given.end());
+    const CliRun result = run(arguments);
+    const bool refused = printed.starts_with("harborkeeper: ");
+    EXPECT_EQ(result.status, refused ? 1 : 0);
+    EXPECT_EQ(refused ? result.err : result.out, printed);
+    EXPECT_EQ(refused ? result.out : result.err, "");
+    EXPECT_EQ(contentOf(output), written);
+    EXPECT_EQ(modeOf(output), 0600U);
+    EXPECT_EQ(entryCount(dir), 4);
   }
-  const fs::path target = directory.path() / "directory";
-  fs::create_directory(target);
-  EXPECT_THROW(writePrivateFileAtomically(target, "[]"), CommandError);  // rename cannot replace a directory
-  EXPECT_EQ(std::distance(fs::directory_iterator(directory.path()), {}), 1);
 }
 
 }  // namespace

@@ -26,58 +26,49 @@ CliRun run(std::vector<const char*> arguments) {
   return {status, out.str(), err.str()};
 }
 
-RecoveryAgentLinkPayload payloadExpiringIn(std::chrono::seconds validity) {
-  return {.displayName = "Closet \x1B[2Junlocker",
-          .setupSessionId = "s-1",
-          .setupEndpoints = {"https://unlocker.local:8443/setup", "http://10.0.0.9/"},
-          .agentPublicKey = "a2V5",
-          .nonce = "bm9uY2U=",
-          .expiresAt = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now() + validity),
-          .capabilities = {Capability::heartbeat, Capability::phoneApproval}};
-}
-
-TEST(LinkCommandsTest, ParseShowsTheLinkOrItsError) {
-  const RecoveryAgentLinkPayload payload = payloadExpiringIn(std::chrono::hours(1));
+TEST(LinkCommandsTest, ResultsGoToStandardOutputAndRefusalsToStandardError) {
+  const RecoveryAgentLinkPayload payload{
+      .displayName = "Closet \x1B[2Junlocker",
+      .setupSessionId = "s-1",
+      .setupEndpoints = {"https://unlocker.local:8443/setup", "http://10.0.0.9/"},
+      .agentPublicKey = "a2V5",
+      .nonce = "bm9uY2U=",
+      .expiresAt =
+          std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now() + std::chrono::hours(1)),
+      .capabilities = {Capability::heartbeat, Capability::phoneApproval}};
   const std::string link = payload.setupLink();
-  const CliRun shown = run({"link", "parse", link.c_str()});
-  EXPECT_EQ(shown.status, 0) << shown.err;
-  EXPECT_EQ(shown.out,
-            "Name: Closet ?[2Junlocker\nType: docker\nSetup endpoint: https://unlocker.local:8443/setup\n"
-            "Setup endpoint: http://10.0.0.9/\nCapabilities: heartbeat, phoneApproval\nExpires: " +
-                date_time::formatInternetDateTime(payload.expiresAt) + "\n");
-  const CliRun json = run({"link", "parse", "--json", link.c_str()});
-  EXPECT_EQ(json::parse(json.out), payload.toJson());
-
-  const std::string expired = payloadExpiringIn(std::chrono::hours(-1)).setupLink();
-  const std::pair<std::string, std::string> failures[] = {
-      {expired, "Recovery agent link has expired."},
-      {"harborkeeper://recovery-agent/Link?payload=e30", "Recovery agent link is not valid."},
-  };
-  for (const auto& [text, message] : failures) {
-    const CliRun refused = run({"link", "parse", text.c_str()});
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_EQ(refused.err, "harborkeeper: " + message + "\n");
-    EXPECT_EQ(refused.out, "");
-  }
-}
-
-TEST(LinkCommandsTest, MakeChecksThePayloadFile) {
   const TemporaryDirectory directory;
-  const auto file = (directory.path() / "payload.json").string();
-  const RecoveryAgentLinkPayload payload = payloadExpiringIn(std::chrono::hours(1));
-  writeRaw(file, json::serializePretty(payload.toJson()));
-  const CliRun made = run({"link", "make", file.c_str()});
-  EXPECT_EQ(made.status, 0) << made.err;
-  EXPECT_EQ(made.out, payload.setupLink() + "\n");
-
-  json::Json withoutNonce = payload.toJson();
-  withoutNonce["nonce"] = "";
-  writeRaw(file, json::serialize(withoutNonce));
-  EXPECT_EQ(run({"link", "make", file.c_str()}).err,
-            "harborkeeper: Recovery agent link contains an invalid setup nonce.\n");
+  const auto good = (directory.path() / "good.json").string();
+  const auto bad = (directory.path() / "bad.json").string();
   const auto missing = (directory.path() / "missing.json").string();
-  EXPECT_EQ(run({"link", "make", missing.c_str()}).err,
-            "harborkeeper: Could not read " + missing + ": No such file or directory.\n");
+  writeRaw(good, json::serializePretty(payload.toJson()));
+  writeRaw(bad, "{}");
+
+  struct Case {
+    std::vector<const char*> arguments;
+    std::string out, error;
+  };
+  const Case cases[] = {
+      {{"link", "parse", link.c_str()},
+       "Name: Closet ?[2Junlocker\nType: docker\nSetup endpoint: https://unlocker.local:8443/setup\n"
+       "Setup endpoint: http://10.0.0.9/\nCapabilities: heartbeat, phoneApproval\nExpires: " +
+           date_time::formatInternetDateTime(payload.expiresAt) + "\n",
+       ""},
+      {{"link", "make", good.c_str()}, link + "\n", ""},
+      {{"link", "parse", "harborkeeper://recovery-agent/Link?payload=e30"},
+       "",
+       "Recovery agent link is not valid."},
+      {{"link", "make", bad.c_str()}, "", "Recovery agent link is not valid."},
+      {{"link", "make", missing.c_str()}, "", "Could not read " + missing + ": No such file or directory."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.arguments.back());
+    const CliRun result = run(c.arguments);
+    EXPECT_EQ(result.status, c.error.empty() ? 0 : 1);
+    EXPECT_EQ(result.out, c.out);
+    EXPECT_EQ(result.err, c.error.empty() ? "" : "harborkeeper: " + c.error + "\n");
+  }
+  EXPECT_EQ(json::parse(run({"link", "parse", "--json", link.c_str()}).out), payload.toJson());
 }
 
 }  // namespace

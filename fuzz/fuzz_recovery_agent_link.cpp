@@ -18,19 +18,15 @@ using harborkeeper::RecoveryAgentLinkPayloadError;
 const harborkeeper::Date kNow = *harborkeeper::date_time::parseInternetDateTime("2026-01-01T00:00:00Z");
 
 void check(std::string_view text) {
-  RecoveryAgentLinkPayload payload;
+  bool parsed = false;
   try {
-    payload = RecoveryAgentLinkPayload::parse(text, kNow);
-  } catch (const RecoveryAgentLinkPayloadError& error) {
-    // Only callers that provision agents refuse a type.
-    if (error.kind() == RecoveryAgentLinkPayloadError::Kind::unsupportedAgentType) std::abort();
-    return;
-  }
-  try {
+    const RecoveryAgentLinkPayload payload = RecoveryAgentLinkPayload::parse(text, kNow);
+    parsed = true;
     payload.validate(kNow);
     if (RecoveryAgentLinkPayload::parse(payload.setupLink(), kNow) != payload) std::abort();
-  } catch (const RecoveryAgentLinkPayloadError&) {
-    std::abort();
+  } catch (const RecoveryAgentLinkPayloadError& error) {
+    // Only callers that provision agents refuse a type.
+    if (parsed || error.kind() == RecoveryAgentLinkPayloadError::Kind::unsupportedAgentType) std::abort();
   }
 }
 

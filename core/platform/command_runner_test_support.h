@@ -55,17 +55,6 @@ struct RecordingTools final : CommandExecutor {
     const auto reply = replies.find(key);
     return reply == replies.end() ? otherwise : reply->second;
   }
-  // "fdesetup authrestart" for the runs of fdesetup authrestart.
-  [[nodiscard]] std::size_t runsOf(const std::string& key) const {
-    const std::lock_guard lock(mutex);
-    std::size_t count = 0;
-    for (const Run& run : runs) {
-      count += std::filesystem::path(run.tool).filename().string() + " " +
-                   (run.arguments.empty() ? std::string() : run.arguments.front()) ==
-               key;
-    }
-    return count;
-  }
 
   mutable std::mutex mutex;
   mutable std::vector<Run> runs;

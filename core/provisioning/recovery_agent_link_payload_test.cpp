@@ -6,7 +6,6 @@
 
 #include "core/foundation/base64.h"
 #include "core/foundation/text.h"
-#include "core/platform/command_runner.h"
 
 namespace harborkeeper {
 namespace {
@@ -22,10 +21,7 @@ Date at(std::string_view iso) { return date_time::parseInternetDateTime(iso).val
 const Date kNow = at("2026-11-15T16:00:00Z");
 
 RecoveryAgentLinkPayload sample() {
-  return {.version = 1,
-          .kind = std::string(RecoveryAgentLinkPayload::supportedKind),
-          .agentType = AgentType::docker,
-          .displayName = "Closet unlocker",
+  return {.displayName = "Closet unlocker 2",  // so that the link drops one "=" of padding
           .setupSessionId = "session-42",
           .setupEndpoints = {"https://unlocker.local:8443/setup", "http://192.168.1.9:8080/setup"},
           .agentPublicKey = "BHB1YmxpYy1rZXk=",
@@ -46,24 +42,24 @@ Outcome outcome(const std::string& text) {
 
 std::string linkTo(std::string_view json) { return std::string(kLinkPrefix) + base64::encodeUrl(json); }
 
-TEST(RecoveryAgentLinkPayloadTest, SetupLinkRoundTripsWhateverThePaddingAndSpelling) {
-  for (const std::string name : {"Closet", "Closet1", "Closet12"}) {  // every base64 remainder
-    SCOPED_TRACE(name);
-    RecoveryAgentLinkPayload payload = sample();
-    payload.displayName = name;
-    const std::string link = payload.setupLink();
-    ASSERT_TRUE(link.starts_with(kLinkPrefix));
-    EXPECT_EQ(link.find_first_of("=+/", kLinkPrefix.size()), std::string::npos);
-    EXPECT_EQ(RecoveryAgentLinkPayload::parse(" \n" + link + "\t\n", kNow), payload);
-    const std::string shouted = "HARBORKEEPER://RECOVERY-AGENT" +
-                                link.substr(std::string_view("harborkeeper://recovery-agent").size());
-    EXPECT_EQ(RecoveryAgentLinkPayload::parse(shouted, kNow), payload);
-    EXPECT_EQ(RecoveryAgentLinkPayload::parse(json::serialize(payload.toJson()), kNow), payload);
-  }
-  RecoveryAgentLinkPayload soon = sample();
-  soon.expiresAt = kNow + std::chrono::milliseconds(1);
-  EXPECT_NO_THROW(soon.validate(kNow));
-  EXPECT_EQ(Json::parse(json::serialize(sample().toJson()))["expiresAt"], "2026-11-15T16:20:00Z");
+// Encoded by another implementation (Python's json and base64 modules), so that
+// our encoder and decoder cannot agree on a wrong alphabet, key or date form.
+TEST(RecoveryAgentLinkPayloadTest, LinkMadeElsewhereParsesAndIsReproduced) {
+  const std::string link =
+      std::string(kLinkPrefix) +
+      "eyJhZ2VudFB1YmxpY0tleSI6IkJIQjFZbXhwWXkxclpYaz0iLCJhZ2VudFR5cGUiOiJtYWMiLCJjYXBhYmlsaXRpZXMiOlsiaGVh"
+      "cnRiZWF0Iiwid2FrZU9uTEFOIiwiYXV0b21hdGljUmVjb3ZlcnkiLCJwaG9uZUFwcHJvdmFsIl0sImRpc3BsYXlOYW1lIjoiQsO8"
+      "cm8gcmFjaz4_IOKYlSB-PyIsImV4cGlyZXNBdCI6IjIwMjYtMTEtMTVUMTY6MjA6MDBaIiwia2luZCI6ImhhcmJvcmtlZXBlci5y"
+      "ZWNvdmVyeS1hZ2VudC1saW5rIiwibm9uY2UiOiJibTl1WTJVdE1USXoiLCJzZXR1cEVuZHBvaW50cyI6WyJodHRwczovL3VubG9j"
+      "a2VyLmxvY2FsOjg0NDMvc2V0dXAiLCJodHRwOi8vMTkyLjE2OC4xLjk6ODA4MC9zZXR1cCJdLCJzZXR1cFNlc3Npb25JZCI6InNl"
+      "c3Npb24tNDIiLCJ2ZXJzaW9uIjoxfQ";
+  RecoveryAgentLinkPayload expected = sample();
+  expected.agentType = AgentType::mac;
+  expected.displayName = "B\u00fcro rack>? \u2615 ~?";
+  expected.capabilities = {Capability::heartbeat, Capability::wakeOnLAN, Capability::automaticRecovery,
+                           Capability::phoneApproval};
+  EXPECT_EQ(RecoveryAgentLinkPayload::parse(link, kNow), expected);
+  EXPECT_EQ(expected.setupLink(), link);
 }
 
 TEST(RecoveryAgentLinkPayloadTest, FieldProblemsAreReportedInPrecedenceOrder) {
@@ -72,11 +68,10 @@ TEST(RecoveryAgentLinkPayloadTest, FieldProblemsAreReportedInPrecedenceOrder) {
       {R"({"comment": "extra keys are ignored"})", std::nullopt},
       {R"({"agentType": "windows", "capabilities": []})", std::nullopt},
       {R"({"setupEndpoints": [" HTTPS://Unlocker.LOCAL:8443/\n", "http://[fe80::1]/"]})", std::nullopt},
-      {R"({"displayName": "Password vault"})", Kind::containsSensitiveField},
+      {R"({"expiresAt": "2026-11-15T16:00:01Z"})", std::nullopt},
       {R"({"fileVaultUser": 1, "expiresAt": "2026-11-15T15:00:00Z"})", Kind::containsSensitiveField},
       {R"({"version": "1"})", Kind::invalidFormat},
       {R"({"nonce": null})", Kind::invalidFormat},
-      {R"({"displayName": 7})", Kind::invalidFormat},
       {R"({"agentType": "linux"})", Kind::invalidFormat},
       {R"({"capabilities": ["heartbeat", "teleport"]})", Kind::invalidFormat},
       {R"({"expiresAt": "2026-11-15T16:20:00"})", Kind::invalidFormat},
@@ -86,15 +81,12 @@ TEST(RecoveryAgentLinkPayloadTest, FieldProblemsAreReportedInPrecedenceOrder) {
       {R"({"expiresAt": "2026-11-15T16:00:00Z"})", Kind::expired},
       {R"({"expiresAt": "2026-11-15T15:00:00Z", "setupEndpoints": []})", Kind::expired},
       {R"({"setupEndpoints": []})", Kind::missingSetupEndpoint},
-      {R"({"setupEndpoints": ["ftp://host"]})", Kind::invalidSetupEndpoint},
       {R"({"setupEndpoints": ["https:///path"]})", Kind::invalidSetupEndpoint},
       {R"({"setupEndpoints": ["https:/host/path"]})", Kind::invalidSetupEndpoint},
       {R"({"setupEndpoints": ["unlocker.local"]})", Kind::invalidSetupEndpoint},
       {R"({"setupEndpoints": ["https://a", "http://b c", "https://d"]})", Kind::invalidSetupEndpoint},
       {R"({"setupEndpoints": ["ftp://h"], "agentPublicKey": ""})", Kind::invalidSetupEndpoint},
       {R"({"agentPublicKey": ""})", Kind::invalidAgentPublicKey},
-      {R"({"agentPublicKey": "%%%"})", Kind::invalidAgentPublicKey},
-      {R"({"agentPublicKey": "YWI"})", Kind::invalidAgentPublicKey},
       {R"({"agentPublicKey": "-_8="})", Kind::invalidAgentPublicKey},
       {R"({"agentPublicKey": "YWI", "nonce": ""})", Kind::invalidAgentPublicKey},
       {R"({"nonce": ""})", Kind::invalidNonce},
@@ -110,36 +102,31 @@ TEST(RecoveryAgentLinkPayloadTest, FieldProblemsAreReportedInPrecedenceOrder) {
   }
 }
 
-TEST(RecoveryAgentLinkPayloadTest, LinkTextProblems) {
+TEST(RecoveryAgentLinkPayloadTest, LinkTextIsReadOrRefused) {
   const std::string good = json::serialize(sample().toJson());
   const std::string value = base64::encodeUrl(good);
-  std::string percentEncoded;
-  for (const char c : value) {
-    percentEncoded += "%" + std::string(1, "0123456789ABCDEF"[c >> 4]) + "0123456789ABCDEF"[c & 15];
-  }
-  const std::string wrapped = "harborkeeper://recovery-agent/link?payload=" + value;
+  const std::string wrapped = std::string(kLinkPrefix) + value;
+  EXPECT_EQ(sample().setupLink().find('=', kLinkPrefix.size()), std::string::npos);
   const std::pair<std::string, std::optional<Kind>> cases[] = {
-      {"", Kind::invalidFormat},
-      {" \n\t", Kind::invalidFormat},
+      {good, std::nullopt},
+      {" \n" + wrapped + "\t\n", std::nullopt},
+      {"HARBORKEEPER://RECOVERY-AGENT/link?payload=" + value, std::nullopt},
       {wrapped + "&payload=garbage#fragment", std::nullopt},
-      {"harborkeeper://recovery-agent/link?via=qr&payload=" + percentEncoded, std::nullopt},
+      {"harborkeeper://recovery-agent/link?via=qr&payload=%65%79" + value.substr(2), std::nullopt},
       {wrapped + std::string((4 - value.size() % 4) % 4, '='), std::nullopt},
+      {" \n\t", Kind::invalidFormat},
       {"harborkeeper://recovery-agent/Link?payload=" + value, Kind::invalidFormat},
       {"harborkeeper://recovery-agent/x/../link?payload=" + value, Kind::invalidFormat},
       {"harborkeeper://other-agent/link?payload=" + value, Kind::invalidFormat},
-      {"harborkeeper:///link?payload=" + value, Kind::invalidFormat},
-      {"https://recovery-agent/link?payload=" + value, Kind::invalidFormat},
+      {"https://recovery-agent/link?payload=" + value, Kind::invalidFormat},  // not ours, so not JSON
       {"harborkeeper://recovery-agent/link", Kind::invalidFormat},
       {"harborkeeper://recovery-agent/link?payload&payload=" + value, Kind::invalidFormat},
       {"harborkeeper://recovery-agent/link?payload=%zz" + value, Kind::invalidFormat},
       {wrapped.substr(0, wrapped.size() - (value.size() % 4 + 3) % 4), Kind::invalidFormat},  // length 4n+1
-      {text::replacingOccurrences(good, "Closet unlocker", R"(\u0070assword vault)"),
-       Kind::containsSensitiveField},
+      {text::replacingOccurrences(good, "Closet", R"(\u0070assword)"), Kind::containsSensitiveField},
       {R"({"displayName": "PassWord)", Kind::containsSensitiveField},
-      {linkTo(R"({"recoveryKey": )"), Kind::containsSensitiveField},
-      {linkTo("\xFF\xFE HeartbeatSecret"), Kind::containsSensitiveField},
+      {linkTo("\xFF\xFE {\"HeartbeatSecret\": "), Kind::containsSensitiveField},
       {linkTo("\xFF{}"), Kind::invalidFormat},
-      {"{not json", Kind::invalidFormat},
   };
   for (const auto& [text, kind] : cases) {
     SCOPED_TRACE(text);
@@ -149,52 +136,6 @@ TEST(RecoveryAgentLinkPayloadTest, LinkTextProblems) {
       EXPECT_EQ(RecoveryAgentLinkPayload::parse(text, kNow), sample());
     }
   }
-}
-
-// Links made by another implementation of the format (Python's standard
-// library), so that our encoder and decoder cannot agree on a mistake.
-TEST(RecoveryAgentLinkPayloadTest, LinksMadeElsewhereParseAndOursDecodeElsewhere) {
-  static constexpr std::string_view kScript = R"(
-import base64, json, sys, urllib.parse
-payload = json.loads(sys.stdin.readline())
-ours = sys.stdin.readline().strip()
-value = base64.urlsafe_b64encode(json.dumps(payload).encode()).decode()
-print('harborkeeper://recovery-agent/link?payload=' + value.rstrip('='))
-print('harborkeeper://recovery-agent/link?payload=' + value)
-print('HarborKeeper://Recovery-Agent/link?via=python&payload=' + urllib.parse.quote(value, safe=''))
-print(json.dumps(payload, indent=1).replace('\n', ' '))
-theirs = urllib.parse.parse_qs(urllib.parse.urlsplit(ours).query)['payload'][0]
-print(json.dumps(json.loads(base64.urlsafe_b64decode(theirs + '=' * (-len(theirs) % 4)))))
-)";
-  const std::string json = R"({"version": 1, "kind": "harborkeeper.recovery-agent-link", "agentType": "mac",
-      "displayName": "B\u00fcro rack \u2615", "setupSessionId": "s/1", "nonce": "bm9uY2U=",
-      "setupEndpoints": ["https://[fe80::1]:8443/setup?a=1"], "agentPublicKey": "a2V5/+8=",
-      "expiresAt": "2026-11-15T17:20:00+01:00", "capabilities": ["automaticRecovery", "phoneApproval"]})";
-  RecoveryAgentLinkPayload expected = sample();
-  expected.agentType = AgentType::mac;
-  expected.displayName = "B\u00fcro rack \u2615";
-  expected.setupSessionId = "s/1";
-  expected.setupEndpoints = {"https://[fe80::1]:8443/setup?a=1"};
-  expected.agentPublicKey = "a2V5/+8=";
-  expected.nonce = "bm9uY2U=";
-  expected.capabilities = {Capability::automaticRecovery, Capability::phoneApproval};
-
-  const std::string input = text::replacingOccurrences(json, "\n", "") + "\n" + expected.setupLink() + "\n";
-  const CommandResult python = CommandRunner(20).run("/usr/bin/python3", {"-c", std::string(kScript)}, input);
-  if (python.exitCode == -1) GTEST_SKIP() << "no /usr/bin/python3";
-  ASSERT_EQ(python.exitCode, 0) << python.standardError;
-  std::vector<std::string> lines;
-  for (std::string_view rest = python.standardOutput; !rest.empty();) {
-    const std::size_t end = std::min(rest.find('\n'), rest.size());
-    lines.emplace_back(rest.substr(0, end));
-    rest.remove_prefix(std::min(end + 1, rest.size()));
-  }
-  ASSERT_EQ(lines.size(), 5U);
-  for (std::size_t i = 0; i < 4; ++i) {
-    SCOPED_TRACE(lines[i]);
-    EXPECT_EQ(RecoveryAgentLinkPayload::parse(lines[i], kNow), expected);
-  }
-  EXPECT_EQ(Json::parse(lines[4]), expected.toJson());
 }
 
 }  // namespace
