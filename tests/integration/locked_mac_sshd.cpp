@@ -169,15 +169,25 @@ ProcessScan::Findings ProcessScan::finish() {
   return findings_;
 }
 
+// A process may end while it is being read (the read then fails with ESRCH):
+// what can no longer be read holds no secret.
+std::string readOrEmpty(const fs::path& path) {
+  try {
+    return contentOf(path);
+  } catch (const std::exception&) {
+    return {};
+  }
+}
+
 void ProcessScan::scan(const std::stop_token& stop) {
   for (; !stop.stop_requested(); ++findings_.rounds, std::this_thread::sleep_for(2ms)) {
     std::error_code error;
     for (fs::directory_iterator entry("/proc", error), end; !error && entry != end; entry.increment(error)) {
       const std::string pid = entry->path().filename();
       if (pid.find_first_not_of("0123456789") != std::string::npos) continue;
-      const std::string commandLine = '\0' + contentOf(entry->path() / "cmdline");
+      const std::string commandLine = '\0' + readOrEmpty(entry->path() / "cmdline");
       if (commandLine.find(secret_) != std::string::npos) findings_.leaks.insert(pid + " cmdline");
-      if (contentOf(entry->path() / "environ").find(secret_) != std::string::npos) {
+      if (readOrEmpty(entry->path() / "environ").find(secret_) != std::string::npos) {
         findings_.leaks.insert(pid + " environ");
       }
       if (commandLine.find(witness_) != std::string::npos) findings_.witnessed.insert(pid);
