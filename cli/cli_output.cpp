@@ -1,6 +1,7 @@
 #include "cli/cli_output.h"
 
 #include "core/foundation/json.h"
+#include "core/foundation/text.h"
 
 namespace harborkeeper::cli {
 
@@ -55,6 +56,19 @@ Report statusReport(const HelperProtectionStatus& status, Date currentBootDate, 
   lines += modeDescription(status.mode);
   lines += ")\n";
   return {std::move(lines), {}, ExitStatus::success};
+}
+
+std::string printable(std::string_view text) {
+  const std::string repaired = text::repairedUtf8(text);
+  std::string shown;
+  for (std::size_t i = 0; i < repaired.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(repaired[i]);
+    const bool c1 =
+        byte == 0xC2 && i + 1 < repaired.size() && static_cast<unsigned char>(repaired[i + 1]) < 0xA0;
+    if (c1) ++i;  // U+0080 to U+009F
+    shown.push_back(byte < 0x20 || byte == 0x7F || c1 ? '?' : repaired[i]);
+  }
+  return shown;
 }
 
 }  // namespace harborkeeper::cli

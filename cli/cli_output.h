@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "core/foundation/date_time.h"
 #include "core/protection/file_vault_users.h"
@@ -17,6 +18,11 @@ enum class ExitStatus : int {
   usage = 2,        // the command line could not be parsed
   unreachable = 3,  // the daemon could not be reached or broke off the conversation
 };
+
+// `text` as it may be shown on a terminal: repaired UTF-8 with every control
+// character (C0, DEL, C1) replaced by "?". For text from the network or a
+// pasted link, which could otherwise drive the terminal.
+std::string printable(std::string_view text);
 
 // One command's result: text for standard output, a message for standard error
 // (without the program's prefix; empty for none) and the exit status.

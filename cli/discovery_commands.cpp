@@ -34,20 +34,6 @@ std::chrono::milliseconds fromSeconds(double seconds) {
   return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
 }
 
-// Names come from anyone on the network: no control character reaches the terminal.
-std::string printable(std::string_view text) {
-  const std::string repaired = text::repairedUtf8(text);
-  std::string shown;
-  for (std::size_t i = 0; i < repaired.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(repaired[i]);
-    const bool c1 =
-        byte == 0xc2 && i + 1 < repaired.size() && static_cast<unsigned char>(repaired[i + 1]) < 0xa0;
-    if (c1) ++i;  // U+0080 to U+009F
-    shown.push_back(byte < 0x20 || byte == 0x7f || c1 ? '?' : repaired[i]);
-  }
-  return shown;
-}
-
 std::string candidateLine(const RecoveryDiscoveryCandidate& candidate) {
   std::string addresses;
   for (const std::string& address : candidate.lastKnownLocalIPs) {

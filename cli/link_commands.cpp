@@ -17,20 +17,6 @@ namespace {
 
 constexpr std::size_t kMaximumInputSize = std::size_t{1} << 20;
 
-// No control character of the link's text reaches the terminal.
-std::string printable(std::string_view text) {
-  const std::string repaired = text::repairedUtf8(text);
-  std::string shown;
-  for (std::size_t i = 0; i < repaired.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(repaired[i]);
-    const bool c1 =
-        byte == 0xC2 && i + 1 < repaired.size() && static_cast<unsigned char>(repaired[i + 1]) < 0xA0;
-    if (c1) ++i;  // U+0080 to U+009F
-    shown.push_back(byte < 0x20 || byte == 0x7F || c1 ? '?' : repaired[i]);
-  }
-  return shown;
-}
-
 void addLine(std::string& lines, std::string_view label, std::string_view value) {
   lines.append(label).append(": ").append(printable(value)).append("\n");
 }
