@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "cli/cli_app.h"
+#include "cli/cli_test_support.h"
 #include "core/platform/state_file_test_support.h"
 #include "core/provisioning/local_unlocker_profile_exporter.h"
 
@@ -18,18 +18,8 @@ using testing_support::modeOf;
 using testing_support::TemporaryDirectory;
 using testing_support::writeRaw;
 
-struct CliRun {
-  int status;
-  std::string out, err;
-};
-
-CliRun run(std::vector<const char*> arguments) {
-  arguments.insert(arguments.begin(), "harborkeeper");
-  std::ostringstream out;
-  std::ostringstream err;
-  const int status = runCli(static_cast<int>(arguments.size()), arguments.data(), out, err);
-  return {status, out.str(), err.str()};
-}
+using testing_support::CliRun;
+using testing_support::run;
 
 RecoveryProfile profileNamed(std::string name) {
   RecoveryProfile profile;

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "cli/cli_app.h"
+#include "cli/cli_test_support.h"
 #include "core/platform/state_file_test_support.h"
 
 namespace harborkeeper::cli {
@@ -13,18 +13,8 @@ namespace {
 using testing_support::TemporaryDirectory;
 using testing_support::writeRaw;
 
-struct CliRun {
-  int status;
-  std::string out, err;
-};
-
-CliRun run(std::vector<const char*> arguments) {
-  arguments.insert(arguments.begin(), "harborkeeper");
-  std::ostringstream out;
-  std::ostringstream err;
-  const int status = runCli(static_cast<int>(arguments.size()), arguments.data(), out, err);
-  return {status, out.str(), err.str()};
-}
+using testing_support::CliRun;
+using testing_support::run;
 
 TEST(LinkCommandsTest, ResultsGoToStandardOutputAndRefusalsToStandardError) {
   const RecoveryAgentLinkPayload payload{
