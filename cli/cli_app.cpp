@@ -1,5 +1,6 @@
 #include "cli/cli_app.h"
 
+#include "cli/approval_commands.h"
 #include "cli/cli_context.h"
 #include "cli/helper_commands.h"
 #include "cli/discovery_commands.h"
@@ -42,6 +43,7 @@ void configure(CLI::App& app, CliContext& context) {
   registerLinkCommands(app, context);
   registerExportCommands(app, context);
   registerDiscoveryCommands(app, context);
+  registerApprovalCommands(app, context);
 }
 
 // "harborkeeper users" for an error inside `users`.

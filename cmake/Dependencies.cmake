@@ -9,6 +9,8 @@ pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 # URL parsing (and later HTTP) and DNS-SD through Avahi's dns_sd.h compatibility library.
 pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
 pkg_check_modules(DNSSD REQUIRED IMPORTED_TARGET avahi-compat-libdns_sd)
+# QR codes of phone pairing tokens in the terminal.
+pkg_check_modules(QRENCODE REQUIRED IMPORTED_TARGET libqrencode)
 find_package(CLI11 2.1 REQUIRED)
 
 # Linux-PAM 1.4 or later, for pam_start_confdir. PAM::PAM works with or without a pam.pc.
