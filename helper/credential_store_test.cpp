@@ -13,6 +13,7 @@
 #include "core/platform/state_file_test_support.h"
 #include "core/protection/helper_constants.h"
 #include "helper/testing/fake_credential_vault.h"
+#include "helper/testing/recording_logger.h"
 
 namespace harborkeeper {
 namespace {
@@ -98,16 +99,11 @@ TEST(CredentialStoreTest, UnusableStoredItemsAreInvalid) {
   }
 }
 
-struct RecordingLogger final : Logger {
-  void log(LogLevel, std::string_view message) noexcept override { lines.emplace_back(message); }
-  std::vector<std::string> lines;
-};
-
 // The vault over a stand-in sealing tool that checks its arguments.
 struct SystemdCredsVaultTest : testing::Test {
   SystemdCredsVaultTest() { installTool(); }
   void TearDown() override {
-    for (const std::string& line : logger_.lines) {
+    for (const std::string& line : logger_.lines()) {
       EXPECT_TRUE(line.find("ünï") == std::string::npos && line.find("line 2") == std::string::npos) << line;
     }
   }
@@ -139,7 +135,7 @@ TEST_F(SystemdCredsVaultTest, AwkwardPasswordRoundTripsSealed) {
   const StoredCredential loaded = store_.load();
   EXPECT_EQ(loaded.username, "root");
   EXPECT_EQ(loaded.password, kPassword);
-  EXPECT_TRUE(logger_.lines.empty());
+  EXPECT_TRUE(logger_.lines().empty());
   store_.remove();
   EXPECT_FALSE(fs::exists(path_));
 }
@@ -190,7 +186,7 @@ TEST_F(SystemdCredsVaultTest, FailuresKeepTheirStatus) {
   installTool(), writeRaw(temp_.path() / "fail", "");
   EXPECT_EQ(outcome<CredentialStoreError>([&] { store_.store("root", kPassword); }),
             "The credential could not be stored in the System Keychain. OSStatus -25291.");
-  EXPECT_EQ(logger_.lines.back(),
+  EXPECT_EQ(logger_.lines().back(),
             "Could not seal the persistent credential: systemd-creds exited with status 1: "
             "Failed to encrypt credential: no usable key.");
 }

@@ -128,6 +128,7 @@ int run(const HelperOptions& options, Logger& logger, const sigset_t& signals) {
   HelperListener listener(std::move(endpoint.socket), service, verifier, logger);
   listener.resume();
   logStarted(logger, options, endpoint);
+  service.heartbeatManager().start();
   queueLaunchRearm(service, logger);
   (void)sd_notify(0, "READY=1");
   stopServing(logger, waitForTermination(signals), listener, service, endpoint);

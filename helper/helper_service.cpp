@@ -44,11 +44,15 @@ const DispatchEntry* findDispatchEntry(std::string_view selector) {
 HelperServiceDependencies HelperServiceDependencies::system(const HelperServiceConfiguration& configuration,
                                                             Logger& logger) {
   auto runner = std::make_shared<CommandRunner>(defaultToolTimeout);
-  return {runner,
-          std::make_shared<SystemdCredsVault>(configuration.stateDirectory, configuration.stateOwner,
-                                              configuration.systemdCredsPath, runner, logger),
-          std::make_shared<PamAccountDirectory>(configuration.pamServiceDirectory),
-          std::make_shared<SystemClock>()};
+  return {
+      runner,
+      std::make_shared<SystemdCredsVault>(configuration.stateDirectory, configuration.stateOwner,
+                                          configuration.systemdCredsPath, runner, logger),
+      std::make_shared<PamAccountDirectory>(configuration.pamServiceDirectory),
+      std::make_shared<SystemClock>(),
+      std::make_shared<DockerHeartbeatManager>(
+          DockerHeartbeatManagerDependencies::system(configuration.stateDirectory, configuration.stateOwner),
+          logger)};
 }
 
 HelperService::HelperService(HelperServiceConfiguration configuration, HelperServiceDependencies dependencies,
@@ -60,6 +64,8 @@ HelperService::HelperService(HelperServiceConfiguration configuration, HelperSer
       authRestartRunner_(commandRunner_, configuration_.fdesetupPath, authRestartTimeout),
       passwordVerifier_(std::move(dependencies.accountDirectory)),
       protectionStatusStore_(configuration_.stateDirectory, configuration_.stateOwner),
+      heartbeatStore_(configuration_.stateDirectory, configuration_.stateOwner),
+      heartbeatManager_(std::move(dependencies.heartbeatManager)),
       logger_(logger),
       operations_(std::string(operationQueueLabel)) {}
 
@@ -95,6 +101,26 @@ std::span<const DispatchEntry> HelperService::dispatchTable() {
       {selectors::disablePersistentProtection, Dispatch::queued,
        [](HelperService& service, const plist::Array&) {
          return ipc::actionReply(service.disablePersistentProtection());
+       }},
+      {selectors::enableAutomaticPowerRecovery, Dispatch::queued,
+       [](HelperService& service, const plist::Array&) {
+         return ipc::actionReply(service.enableAutomaticPowerRecovery());
+       }},
+      {selectors::configureDockerHeartbeat, Dispatch::queued,
+       [](HelperService& service, const plist::Array& arguments) {
+         return ipc::actionReply(service.configureDockerHeartbeat(*arguments.at(0).get<Bytes>()));
+       }},
+      {selectors::disableDockerHeartbeat, Dispatch::queued,
+       [](HelperService& service, const plist::Array&) {
+         return ipc::actionReply(service.disableDockerHeartbeat());
+       }},
+      {selectors::dockerHeartbeatStatusData, Dispatch::queued,
+       [](HelperService& service, const plist::Array&) {
+         return ipc::optionalDataReply(service.dockerHeartbeatStatusData());
+       }},
+      {selectors::prepareForUninstall, Dispatch::queued,
+       [](HelperService& service, const plist::Array&) {
+         return ipc::actionReply(service.prepareForUninstall());
        }},
   };
   return table;

@@ -21,6 +21,8 @@
 #include "core/protection/protection_status.h"
 #include "core/protection/protection_status_store.h"
 #include "helper/credential_store.h"
+#include "helper/docker_heartbeat_configuration_store.h"
+#include "helper/docker_heartbeat_manager.h"
 #include "helper/local_account_password_verifier.h"
 #include "helper/logger.h"
 
@@ -42,9 +44,10 @@ struct HelperServiceDependencies {
   std::shared_ptr<CredentialVault> credentialVault;
   std::shared_ptr<const AccountDirectory> accountDirectory;
   std::shared_ptr<const Clock> clock;
+  std::shared_ptr<DockerHeartbeatManager> heartbeatManager;
 
-  // The daemon's own: a 30 s command runner, the systemd-creds vault, PAM and
-  // the system clock.
+  // The daemon's own: a 30 s command runner, the systemd-creds vault, PAM,
+  // the system clock and a heartbeat manager over the state directory.
   static HelperServiceDependencies system(const HelperServiceConfiguration& configuration, Logger& logger);
 };
 
@@ -117,6 +120,26 @@ class HelperService final {
   ipc::HelperCommandResult armPersistentProtection();
   ipc::HelperCommandResult disablePersistentProtection();
 
+  // The queued maintenance requests. REQUIRES: on the operation queue (or
+  // with no queue running).
+  // `pmset -a autorestart 1`.
+  ipc::HelperCommandResult enableAutomaticPowerRecovery();
+  // Decodes, validates and stores the configuration, then reloads the
+  // heartbeat (only if it was stored).
+  ipc::HelperCommandResult configureDockerHeartbeat(const Bytes& data);
+  // Deletes the configuration, then stops the heartbeat (only if deleted).
+  ipc::HelperCommandResult disableDockerHeartbeat();
+  // The status as an XML property list; a configuration that cannot be
+  // loaded reads as not configured. Nothing only if encoding fails.
+  [[nodiscard]] std::optional<Bytes> dockerHeartbeatStatusData() const;
+  // Stops the heartbeat, deletes its configuration, clears the persistent
+  // state and removes the state directory if nothing else is left in it; the
+  // first failure ends the sequence and is the reply.
+  ipc::HelperCommandResult prepareForUninstall();
+
+  // Started by the entry point once the listener is serving.
+  [[nodiscard]] DockerHeartbeatManager& heartbeatManager() const noexcept { return *heartbeatManager_; }
+
   [[nodiscard]] const HelperServiceConfiguration& configuration() const noexcept { return configuration_; }
   [[nodiscard]] Logger& logger() const noexcept { return logger_; }
 
@@ -135,6 +158,8 @@ class HelperService final {
   // A failed persistent status with `message`; a store error is ignored.
   void storeFailedPersistentStatus(const std::string& message) noexcept;
   [[nodiscard]] bool lastStatusIsPersistent() const noexcept;
+  // Throws HelperStateFileSecurityError or FileSystemError.
+  void removeApplicationSupportDirectoryIfEmpty() const;
 
   HelperServiceConfiguration configuration_;
   std::shared_ptr<const CommandExecutor> commandRunner_;
@@ -143,6 +168,8 @@ class HelperService final {
   AuthRestartRunner authRestartRunner_;
   LocalAccountPasswordVerifier passwordVerifier_;
   ProtectionStatusStore protectionStatusStore_;
+  DockerHeartbeatConfigurationStore heartbeatStore_;
+  std::shared_ptr<DockerHeartbeatManager> heartbeatManager_;
   Logger& logger_;
   SerialQueue operations_;
 };

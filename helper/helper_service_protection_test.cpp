@@ -12,6 +12,7 @@
 #include "core/platform/state_file_test_support.h"
 #include "helper/helper_service.h"
 #include "helper/testing/fake_credential_vault.h"
+#include "helper/testing/fake_heartbeat.h"
 
 namespace harborkeeper {
 namespace {
@@ -30,10 +31,6 @@ struct Accounts final : AccountDirectory {
 };
 
 const Date kNow(std::chrono::seconds(1'800'000'000));
-struct FixedClock final : Clock {
-  Date now() const noexcept override { return kNow; }
-  std::chrono::nanoseconds uptime() const noexcept override { return {}; }
-};
 
 const std::string kOld = " s3cret\n", kNew = "new pw";
 
@@ -43,7 +40,9 @@ struct ProtectionTest : testing::Test {
       service_ = std::make_unique<HelperService>(
           HelperServiceConfiguration{
               .stateDirectory = state, .fdesetupPath = "/stand-in/fdesetup", .stateOwner = ::getuid()},
-          HelperServiceDependencies{tools, vault, accounts, std::make_shared<FixedClock>()}, *logger);
+          HelperServiceDependencies{tools, vault, accounts, std::make_shared<FixedClock>(kNow),
+                                    FakeHeartbeat{}.manager(state, ::getuid(), *logger)},
+          *logger);
     }
     return *service_;
   }

@@ -316,4 +316,25 @@ HelperCommandResult HelperClient::disablePersistentProtection() {
   return readActionReply(call(selectors::disablePersistentProtection));
 }
 
+HelperCommandResult HelperClient::enableAutomaticPowerRecovery() {
+  return readActionReply(call(selectors::enableAutomaticPowerRecovery));
+}
+
+HelperCommandResult HelperClient::configureDockerHeartbeat(Bytes configuration) {
+  plist::Array arguments{plist::Value(std::move(configuration))};
+  return readActionReply(call(selectors::configureDockerHeartbeat, std::move(arguments)));
+}
+
+HelperCommandResult HelperClient::disableDockerHeartbeat() {
+  return readActionReply(call(selectors::disableDockerHeartbeat));
+}
+
+std::optional<Bytes> HelperClient::dockerHeartbeatStatusData() {
+  return readOptionalDataReply(call(selectors::dockerHeartbeatStatusData));
+}
+
+HelperCommandResult HelperClient::prepareForUninstall() {
+  return readActionReply(call(selectors::prepareForUninstall));
+}
+
 }  // namespace harborkeeper::ipc

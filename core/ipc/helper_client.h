@@ -72,6 +72,13 @@ class HelperClient final {
                                                  Date authorizationExpiresAt);
   HelperCommandResult armPersistentProtection();
   HelperCommandResult disablePersistentProtection();
+  HelperCommandResult enableAutomaticPowerRecovery();
+  // `configuration` is a heartbeat configuration property list; it holds the
+  // shared secret and is wiped once sent.
+  HelperCommandResult configureDockerHeartbeat(Bytes configuration);
+  HelperCommandResult disableDockerHeartbeat();
+  std::optional<Bytes> dockerHeartbeatStatusData();
+  HelperCommandResult prepareForUninstall();
 
  private:
   explicit HelperClient(UniqueFd socket);

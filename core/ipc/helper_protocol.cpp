@@ -25,6 +25,11 @@ constexpr InterfaceEntry kInterface[] = {
     {selectors::enablePersistentProtection, kArguments<A::text, A::text, A::date>, ReplyType::action},
     {selectors::armPersistentProtection, kArguments<>, ReplyType::action},
     {selectors::disablePersistentProtection, kArguments<>, ReplyType::action},
+    {selectors::enableAutomaticPowerRecovery, kArguments<>, ReplyType::action},
+    {selectors::configureDockerHeartbeat, kArguments<A::data>, ReplyType::action},
+    {selectors::disableDockerHeartbeat, kArguments<>, ReplyType::action},
+    {selectors::dockerHeartbeatStatusData, kArguments<>, ReplyType::optionalData},
+    {selectors::prepareForUninstall, kArguments<>, ReplyType::action},
 };
 
 constexpr std::string_view kBinaryMagic = "bplist00";

@@ -34,6 +34,11 @@ inline constexpr std::string_view enablePersistentProtection =
     "enablePersistentProtectionWithUsername:password:authorizationExpiresAt:withReply:";
 inline constexpr std::string_view armPersistentProtection = "armPersistentProtectionWithReply:";
 inline constexpr std::string_view disablePersistentProtection = "disablePersistentProtectionWithReply:";
+inline constexpr std::string_view enableAutomaticPowerRecovery = "enableAutomaticPowerRecoveryWithReply:";
+inline constexpr std::string_view configureDockerHeartbeat = "configureDockerHeartbeatWithData:withReply:";
+inline constexpr std::string_view disableDockerHeartbeat = "disableDockerHeartbeatWithReply:";
+inline constexpr std::string_view dockerHeartbeatStatusData = "dockerHeartbeatStatusDataWithReply:";
+inline constexpr std::string_view prepareForUninstall = "prepareForUninstallWithReply:";
 }  // namespace selectors
 
 // Every selector the daemon serves, in the protocol's order.

@@ -1,0 +1,81 @@
+#include "helper/docker_heartbeat_configuration_store.h"
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "core/foundation/plist.h"
+#include "core/platform/state_file_test_support.h"
+
+namespace harborkeeper {
+namespace {
+
+using namespace testing_support;
+
+const DockerHeartbeatConfiguration kValid{"https://unlocker.local/hb", " docker-1 ",
+                                          "  twenty-four characters!!  ", 45.5};
+
+struct StoreTest : testing::Test {
+  const TemporaryDirectory temp;
+  const fs::path state = temp.path() / "state";
+  const fs::path file = state / "DockerHeartbeat.plist";
+  const DockerHeartbeatConfigurationStore store{state, ::getuid()};
+};
+
+TEST_F(StoreTest, KeepsWhatItWasGiven) {
+  EXPECT_EQ(outcome([&] { return store.load().profileID; }), "Docker heartbeat is not configured.");
+  store.store(kValid);
+  EXPECT_EQ(store.load(), kValid);
+  EXPECT_EQ(modeOf(file), 0600U);
+}
+
+// Each way a stored file goes wrong, and the one error a load gives for it.
+TEST_F(StoreTest, LoadNamesWhatIsWrongWithTheFile) {
+  DockerHeartbeatConfiguration shortSecret = kValid;
+  shortSecret.sharedSecret = "short                        ";
+  const struct {
+    const char* name;
+    void (*damage)(const StoreTest&, const Bytes& shortSecretFile);
+    std::string error;
+  } cases[] = {
+      {"directory widened",
+       [](const StoreTest& t, const Bytes&) { fs::permissions(t.state, fs::perms(0755)); },
+       "Docker heartbeat configuration is not stored safely. Harborkeeper helper state directory is not "
+       "private. "
+       "Expected permissions 700."},
+      {"file narrowed", [](const StoreTest& t, const Bytes&) { fs::permissions(t.file, fs::perms(0400)); },
+       "Docker heartbeat configuration is not stored safely. Harborkeeper helper state file is not private. "
+       "Expected permissions 600."},
+      {"edited to a short secret",
+       [](const StoreTest& t, const Bytes& bytes) { writeRaw(t.file, std::string(asStringView(bytes))); },
+       "Docker heartbeat configuration is invalid. Heartbeat secret must be at least 24 characters."},
+      {"wrong shape", [](const StoreTest& t, const Bytes&) { writeRaw(t.file, "<plist><array/></plist>"); },
+       "Docker heartbeat configuration is invalid. The data couldn’t be read because it isn’t in the correct "
+       "format."},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove_all(state);
+    store.store(kValid);
+    c.damage(*this, shortSecret.encodeXml());
+    EXPECT_EQ(outcome([&] { return store.load().profileID; }), c.error);
+  }
+}
+
+TEST_F(StoreTest, StoreValidatesFirstAndRepairsModes) {
+  DockerHeartbeatConfiguration invalid = kValid;
+  invalid.endpointURL = "ftp://unlocker.local/";
+  EXPECT_EQ(outcome([&] { store.store(invalid); }),
+            "Docker heartbeat configuration is invalid. Use a valid HTTP or HTTPS heartbeat URL.");
+  EXPECT_FALSE(fs::exists(state));
+
+  store.store(kValid);
+  fs::permissions(state, fs::perms(0755));
+  fs::permissions(file, fs::perms(0644));
+  store.store(kValid);
+  EXPECT_EQ(modeOf(state), 0700U);
+  EXPECT_EQ(modeOf(file), 0600U);
+}
+
+}  // namespace
+}  // namespace harborkeeper
