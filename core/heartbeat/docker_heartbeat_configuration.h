@@ -72,6 +72,8 @@ struct DockerHeartbeatConfiguration {
   void secureWipe() noexcept;
 };
 
+inline void secureWipe(DockerHeartbeatConfiguration& configuration) noexcept { configuration.secureWipe(); }
+
 // What `heartbeat status` shows: never the secret.
 struct DockerHeartbeatStatus {
   bool configured = false;
