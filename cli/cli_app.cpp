@@ -2,10 +2,11 @@
 
 #include "cli/approval_commands.h"
 #include "cli/cli_context.h"
-#include "cli/helper_commands.h"
 #include "cli/discovery_commands.h"
 #include "cli/export_commands.h"
+#include "cli/helper_commands.h"
 #include "cli/link_commands.h"
+#include "cli/maintenance_commands.h"
 #include "cli/profile_commands.h"
 #include "cli/protection_commands.h"
 #include "cli/recovery_commands.h"
@@ -38,6 +39,7 @@ void configure(CLI::App& app, CliContext& context) {
   context.addGlobalOptions(app);
   registerHelperCommands(app, context);
   registerProtectionCommands(app, context);
+  registerMaintenanceCommands(app, context);
   registerProfileCommands(app, context);
   registerRecoveryCommands(app, context);
   registerLinkCommands(app, context);

@@ -47,6 +47,11 @@ ExitStatus CliContext::print(const Report& report) {
 
 void CliContext::printError(std::string_view message) { err_ << programName << ": " << message << std::endl; }
 
+ExitStatus CliContext::printOutcome(const ipc::HelperCommandResult& result) {
+  if (result.success) return print({result.message + "\n", "", ExitStatus::success});
+  return print({"", result.message, ExitStatus::failure});
+}
+
 CLI::Option* CliContext::addJsonFlag(CLI::App& command, bool& json) {
   return command.add_flag("--json", json, "Print the record as JSON");
 }

@@ -81,6 +81,9 @@ class CliContext final {
   ExitStatus print(const Report& report);
   // "harborkeeper: <message>" on standard error.
   void printError(std::string_view message);
+  // A helper action's message is the outcome either way: on standard output
+  // when it succeeded, as the program's error when it did not.
+  ExitStatus printOutcome(const ipc::HelperCommandResult& result);
 
   // --json: the record as JSON on standard output.
   static CLI::Option* addJsonFlag(CLI::App& command, bool& json);

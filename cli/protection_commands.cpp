@@ -18,13 +18,6 @@ struct CredentialOptions {
   std::string authorizationExpires;  // empty: an hour from now
 };
 
-// The helper's message is the outcome either way: on standard output when it
-// succeeded, as the program's error when it did not.
-ExitStatus printOutcome(CliContext& context, const ipc::HelperCommandResult& result) {
-  if (result.success) return context.print({result.message + "\n", "", ExitStatus::success});
-  return context.print({"", result.message, ExitStatus::failure});
-}
-
 SecretText readPassword(const CredentialOptions& options) {
   return CliContext::readSecret("Password for " + options.user + ": ", passwordFlag,
                                 options.passwordFromStdin);
@@ -48,7 +41,7 @@ void addCredentialOptions(CLI::App& command, CredentialOptions& options) {
 ExitStatus armNextRestart(CliContext& context, const CredentialOptions& options) {
   ipc::HelperClient& helper = context.helper();
   const SecretText password = readPassword(options);
-  return printOutcome(context, helper.armNextRestart(options.user, password.view()));
+  return context.printOutcome(helper.armNextRestart(options.user, password.view()));
 }
 
 ExitStatus enablePersistent(CliContext& context, const CredentialOptions& options) {
@@ -56,8 +49,8 @@ ExitStatus enablePersistent(CliContext& context, const CredentialOptions& option
                            ? Date(std::chrono::system_clock::now() + std::chrono::hours(1))
                            : *date_time::parseInternetDateTime(options.authorizationExpires);
   const SecretText password = readPassword(options);
-  return printOutcome(context,
-                      context.helper().enablePersistentProtection(options.user, password.view(), expires));
+  return context.printOutcome(
+      context.helper().enablePersistentProtection(options.user, password.view(), expires));
 }
 
 void registerPersistentCommands(CLI::App& app, CliContext& context) {
@@ -80,13 +73,13 @@ void registerPersistentCommands(CLI::App& app, CliContext& context) {
 
   CLI::App* arm = persistent->add_subcommand("arm", "Arm the next restart now from the sealed credential");
   context.onRun(*arm,
-                [&context] { return printOutcome(context, context.helper().armPersistentProtection()); });
+                [&context] { return context.printOutcome(context.helper().armPersistentProtection()); });
 
   CLI::App* disable = persistent->add_subcommand(
       "disable",
       "Remove the sealed credential and the protection record (an already armed restart stays armed)");
   context.onRun(*disable,
-                [&context] { return printOutcome(context, context.helper().disablePersistentProtection()); });
+                [&context] { return context.printOutcome(context.helper().disablePersistentProtection()); });
 }
 
 }  // namespace
