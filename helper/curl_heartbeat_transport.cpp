@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "core/platform/http_failure_description.h"
+
 namespace harborkeeper {
 
 namespace {
@@ -65,7 +67,10 @@ struct Transfer {
   [[nodiscard]] DockerHeartbeatOutcome outcome(CURLcode result) const {
     if (result != CURLE_OK) {
       const std::string detail = errorText[0] != '\0' ? errorText.data() : curl_easy_strerror(result);
-      return {DockerHeartbeatOutcome::Kind::transportFailed, detail, 0};
+      return {DockerHeartbeatOutcome::Kind::transportFailed,
+              httpFailureDescription(result, detail,
+                                     std::chrono::duration_cast<std::chrono::seconds>(request.timeout)),
+              0};
     }
     long status = 0;
     curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &status);

@@ -89,7 +89,7 @@ TEST_F(HeartbeatTest, BeatsAreSignedAndKeepTheirPaceThroughFailures) {
   std::vector<Beat> received = beats();
   ASSERT_EQ(received.size(), 3U) << "a second timer is running";
   EXPECT_NEAR(received[2].arrived - received[1].arrived, 30.0, 1.0);
-  EXPECT_EQ(daemon_.logLines("Docker heartbeat failed: "), 1U) << daemon_.log();
+  EXPECT_EQ(daemon_.logLines("Docker heartbeat failed: timed out after 10 s ("), 1U) << daemon_.log();
   EXPECT_EQ(daemon_.logLines("Docker heartbeat returned HTTP 500."), 1U);
 
   const auto [status, json, error] = daemon_.cli({"heartbeat", "status", "--json"});

@@ -19,6 +19,7 @@
 #include "core/recovery/recovery_profile.h"
 
 #include "tests/integration/child_process.h"
+#include "tests/integration/process_scan.h"
 #include "tests/integration/throwaway_user.h"
 
 namespace harborkeeper::testing_support {
@@ -86,30 +87,6 @@ class Tarpit final {
  private:
   std::vector<UniqueFd> listeners_;
   std::uint16_t port_ = 0;
-};
-
-// Reads the command line and environment of every process, again and again,
-// looking for a secret, until finished.
-class ProcessScan final {
- public:
-  struct Findings {
-    std::size_t rounds = 0;
-    // Processes whose command line holds the witness as one argument: proof
-    // that the scan saw the processes that mattered.
-    std::set<std::string> witnessed;
-    std::set<std::string> leaks;  // "pid cmdline|environ"
-  };
-
-  ProcessScan(std::string secret, std::string witness);
-  Findings finish();
-
- private:
-  void scan(const std::stop_token& stop);
-
-  const std::string secret_;
-  const std::string witness_;
-  Findings findings_;
-  std::jthread thread_;
 };
 
 }  // namespace harborkeeper::testing_support
