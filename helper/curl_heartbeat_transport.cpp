@@ -4,13 +4,13 @@
 
 #include <array>
 #include <map>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "core/platform/http_failure_description.h"
+#include "core/platform/mutex.h"
 
 namespace harborkeeper {
 
@@ -90,7 +90,7 @@ class CurlHeartbeatTransport final : public DockerHeartbeatTransport {
 
   ~CurlHeartbeatTransport() override {
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       stopping_ = true;
     }
     curl_multi_wakeup(multi_);
@@ -106,7 +106,7 @@ class CurlHeartbeatTransport final : public DockerHeartbeatTransport {
   void send(DockerHeartbeatHttpRequest request, Completion completion) override {
     auto transfer = std::make_unique<Transfer>(std::move(request), std::move(completion));
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       incoming_.push_back(std::move(transfer));
     }
     curl_multi_wakeup(multi_);
@@ -117,7 +117,7 @@ class CurlHeartbeatTransport final : public DockerHeartbeatTransport {
   bool admitIncoming() {
     std::vector<std::unique_ptr<Transfer>> arrived;
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       if (stopping_) return false;
       arrived.swap(incoming_);
     }
@@ -156,9 +156,9 @@ class CurlHeartbeatTransport final : public DockerHeartbeatTransport {
   }
 
   CURLM* multi_ = nullptr;
-  std::mutex mutex_;
-  std::vector<std::unique_ptr<Transfer>> incoming_;    // guarded by mutex_
-  bool stopping_ = false;                              // guarded by mutex_
+  Mutex mutex_;
+  std::vector<std::unique_ptr<Transfer>> incoming_ HK_GUARDED_BY(mutex_);
+  bool stopping_ HK_GUARDED_BY(mutex_) = false;
   std::map<CURL*, std::unique_ptr<Transfer>> active_;  // worker thread only (and the destructor after it)
   std::thread worker_;
 };

@@ -96,30 +96,30 @@ HelperListener::HelperListener(UniqueFd listeningSocket, HelperService& service,
 HelperListener::~HelperListener() { stop(); }
 
 void HelperListener::resume() {
-  std::lock_guard stopLock(stopMutex_);
+  const MutexLock stopLock(stopMutex_);
   if (stopping_ || acceptThread_.joinable()) return;
   acceptThread_ = std::thread([this] { acceptLoop(); });
 }
 
 void HelperListener::stop() {
-  std::lock_guard stopLock(stopMutex_);
+  const MutexLock stopLock(stopMutex_);
   stopping_ = true;
   wake();
   if (acceptThread_.joinable()) acceptThread_.join();
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   for (const auto& connection : connections_) connection->close();
   // Connections promised to idle threads are dropped here; those threads end.
   for (const auto& connection : handoff_) connections_.erase(connection);
   idleWorkers_ += handoff_.size();
   handoff_.clear();
   handedOff_.notify_all();
-  allClosed_.wait(lock, [this] { return connections_.empty() && workers_.empty(); });
+  while (!connections_.empty() || !workers_.empty()) lock.wait(allClosed_);
   lock.unlock();
   reapRetired();
 }
 
 std::size_t HelperListener::openConnections() const {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return connections_.size();
 }
 
@@ -158,7 +158,7 @@ void HelperListener::admit(UniqueFd socket) {
     logger_.error(std::string("Could not serve a connection: ") + error.what());
     return;
   }
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   const std::size_t open = connections_.size();
   if (open >= limits_.maximumConnections) {
     lock.unlock();
@@ -174,10 +174,9 @@ void HelperListener::admit(UniqueFd socket) {
   handedOff_.notify_one();
 }
 
-// REQUIRES: `lock` holds mutex_, so the new thread cannot retire before its
-// handle is stored.
-void HelperListener::startWorker(const std::shared_ptr<HelperConnection>& connection,
-                                 std::unique_lock<std::mutex>& lock) {
+// `lock` holds mutex_, so the new thread cannot retire before its handle is
+// stored.
+void HelperListener::startWorker(const std::shared_ptr<HelperConnection>& connection, MutexLock& lock) {
   const auto self = workers_.emplace(workers_.end());
   try {
     *self = std::thread(&HelperListener::work, this, self, connection);
@@ -200,9 +199,12 @@ void HelperListener::work(Worker self, std::shared_ptr<HelperConnection> connect
 
 // Blocks (no polling) until a connection is handed over, the lifetime is up or the listener stops.
 std::shared_ptr<HelperConnection> HelperListener::nextConnection() {
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   ++idleWorkers_;
-  handedOff_.wait_for(lock, limits_.idleThreadLifetime, [this] { return stopping_ || !handoff_.empty(); });
+  const auto deadline = std::chrono::steady_clock::now() + limits_.idleThreadLifetime;
+  while (!stopping_ && handoff_.empty()) {
+    if (!lock.waitUntil(handedOff_, deadline)) break;
+  }
   if (handoff_.empty()) {
     --idleWorkers_;
     return nullptr;
@@ -243,13 +245,13 @@ void HelperListener::serve(const std::shared_ptr<HelperConnection>& connection) 
 }
 
 void HelperListener::finished(const std::shared_ptr<HelperConnection>& connection) {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   connections_.erase(connection);
 }
 
 void HelperListener::retire(Worker self) {
   {
-    std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     retired_.push_back(std::move(*self));
     workers_.erase(self);
     if (connections_.empty() && workers_.empty()) allClosed_.notify_all();
@@ -260,7 +262,7 @@ void HelperListener::retire(Worker self) {
 void HelperListener::reapRetired() {
   std::vector<std::thread> done;
   {
-    std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     done.swap(retired_);
   }
   for (std::thread& thread : done) thread.join();

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/platform/mutex.h"
 #include "core/platform/unique_fd.h"
 #include "helper/helper_service.h"
 #include "helper/logger.h"
@@ -64,7 +65,7 @@ class HelperListener final {
 
   void acceptLoop();
   void admit(UniqueFd socket);
-  void startWorker(const std::shared_ptr<HelperConnection>& connection, std::unique_lock<std::mutex>& lock);
+  void startWorker(const std::shared_ptr<HelperConnection>& connection, MutexLock& lock) HK_REQUIRES(mutex_);
   void work(Worker self, std::shared_ptr<HelperConnection> connection);
   std::shared_ptr<HelperConnection> nextConnection();
   void serve(const std::shared_ptr<HelperConnection>& connection);
@@ -79,21 +80,21 @@ class HelperListener final {
   const PeerVerifier& verifier_;
   Logger& logger_;
   ListenerLimits limits_;
-  std::thread acceptThread_;
-  mutable std::mutex mutex_;
+  std::thread acceptThread_ HK_GUARDED_BY(stopMutex_);
+  mutable Mutex mutex_;
   std::condition_variable allClosed_;  // no connection and no connection thread left
-  std::set<std::shared_ptr<HelperConnection>> connections_;
+  std::set<std::shared_ptr<HelperConnection>> connections_ HK_GUARDED_BY(mutex_);
   // Accepted connections promised to idle threads. idleWorkers_ counts idle
   // threads minus these, so a connection is handed off only when a thread is
   // sure to take it.
-  std::deque<std::shared_ptr<HelperConnection>> handoff_;
-  std::size_t idleWorkers_ = 0;
+  std::deque<std::shared_ptr<HelperConnection>> handoff_ HK_GUARDED_BY(mutex_);
+  std::size_t idleWorkers_ HK_GUARDED_BY(mutex_) = 0;
   std::condition_variable handedOff_;
-  std::list<std::thread> workers_;
+  std::list<std::thread> workers_ HK_GUARDED_BY(mutex_);
   // Threads that have ended but are not joined yet; the accept thread joins
   // them as soon as it is woken, so none pile up.
-  std::vector<std::thread> retired_;
-  std::mutex stopMutex_;  // serialises stop()
+  std::vector<std::thread> retired_ HK_GUARDED_BY(mutex_);
+  Mutex stopMutex_;  // serialises stop() and resume()
   std::atomic<bool> stopping_{false};
 };
 

@@ -1,9 +1,10 @@
 #include "core/platform/repeating_timer.h"
 
 #include <condition_variable>
-#include <mutex>
 #include <thread>
 #include <utility>
+
+#include "core/platform/mutex.h"
 
 namespace harborkeeper {
 
@@ -18,7 +19,7 @@ class SteadyRepeatingTimer final : public RepeatingTimer {
 
   ~SteadyRepeatingTimer() override {
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       cancelled_ = true;
     }
     wake_.notify_all();
@@ -30,10 +31,12 @@ class SteadyRepeatingTimer final : public RepeatingTimer {
 
  private:
   void run() {
-    std::unique_lock lock(mutex_);
+    MutexLock lock(mutex_);
     SteadyClock::time_point deadline = start_ + interval_;
     for (;;) {
-      if (wake_.wait_until(lock, deadline, [this] { return cancelled_; })) return;
+      while (!cancelled_ && lock.waitUntil(wake_, deadline)) {
+      }
+      if (cancelled_) return;
       if (SteadyClock::now() < deadline) continue;  // woken early by the clock's rounding
       lock.unlock();
       tick_();
@@ -45,9 +48,9 @@ class SteadyRepeatingTimer final : public RepeatingTimer {
   const std::chrono::nanoseconds interval_;
   const std::function<void()> tick_;
   const SteadyClock::time_point start_;
-  std::mutex mutex_;
+  Mutex mutex_;
   std::condition_variable wake_;
-  bool cancelled_ = false;
+  bool cancelled_ HK_GUARDED_BY(mutex_) = false;
   std::thread thread_;  // last: started once everything above exists
 };
 

@@ -17,7 +17,7 @@ SerialQueue::~SerialQueue() { shutdown(); }
 
 bool SerialQueue::async(std::function<void()> work) {
   {
-    std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (stopping_) return false;
     pending_.push_back(std::move(work));
   }
@@ -27,7 +27,7 @@ bool SerialQueue::async(std::function<void()> work) {
 
 void SerialQueue::shutdown() {
   {
-    std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     stopping_ = true;
     pending_.clear();
   }
@@ -37,14 +37,14 @@ void SerialQueue::shutdown() {
 }
 
 void SerialQueue::drain() {
-  std::unique_lock lock(mutex_);
-  idle_.wait(lock, [this] { return stopping_ || (pending_.empty() && !running_); });
+  MutexLock lock(mutex_);
+  while (!stopping_ && (!pending_.empty() || running_)) lock.wait(idle_);
 }
 
 void SerialQueue::workerLoop() {
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   for (;;) {
-    wake_.wait(lock, [this] { return stopping_ || !pending_.empty(); });
+    while (!stopping_ && pending_.empty()) lock.wait(wake_);
     if (stopping_) return;
     std::function<void()> work = std::move(pending_.front());
     pending_.pop_front();

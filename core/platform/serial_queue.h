@@ -3,9 +3,10 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
+
+#include "core/platform/mutex.h"
 
 namespace harborkeeper {
 
@@ -41,12 +42,12 @@ class SerialQueue final {
   void workerLoop();
 
   std::string label_;
-  std::mutex mutex_;
+  Mutex mutex_;
   std::condition_variable wake_;
   std::condition_variable idle_;
-  std::deque<std::function<void()>> pending_;
-  bool running_ = false;
-  bool stopping_ = false;
+  std::deque<std::function<void()>> pending_ HK_GUARDED_BY(mutex_);
+  bool running_ HK_GUARDED_BY(mutex_) = false;
+  bool stopping_ HK_GUARDED_BY(mutex_) = false;
   std::thread worker_;
 };
 
