@@ -48,8 +48,10 @@ ExitStatus CliContext::print(const Report& report) {
 void CliContext::printError(std::string_view message) { err_ << programName << ": " << message << std::endl; }
 
 ExitStatus CliContext::printOutcome(const ipc::HelperCommandResult& result) {
-  if (result.success) return print({result.message + "\n", "", ExitStatus::success});
-  return print({"", result.message, ExitStatus::failure});
+  // The message may carry a tool's own output: no terminal control sequences.
+  const std::string message = printable(result.message);
+  if (result.success) return print({message + "\n", "", ExitStatus::success});
+  return print({"", message, ExitStatus::failure});
 }
 
 CLI::Option* CliContext::addJsonFlag(CLI::App& command, bool& json) {

@@ -14,8 +14,8 @@ std::string prettyJson(const json::Json& value) { return json::serializePretty(v
 std::string userLines(const FileVaultUserList& list) {
   std::string lines;
   for (const FileVaultUser& user : list.users) {
-    lines += user.displayName;
-    if (user.uuid) lines += ' ' + *user.uuid;
+    lines += printable(user.displayName);
+    if (user.uuid) lines += ' ' + printable(*user.uuid);
     lines += '\n';
   }
   return lines;
@@ -39,7 +39,7 @@ Report usersReport(const FileVaultUserList& list, bool json) {
   Report report;
   report.output = json ? prettyJson(list.toJson()) : userLines(list);
   if (!list.isAvailable()) {
-    report.message = list.detail();
+    report.message = printable(list.detail());
     report.status = ExitStatus::failure;
   } else if (list.users.empty() && !json) {
     report.message = kNoUsersNotice;
@@ -51,7 +51,7 @@ Report statusReport(const HelperProtectionStatus& status, Date currentBootDate, 
   const ProtectionState state = status.protectionState(currentBootDate);
   if (json) return {prettyJson(statusJson(status, state.headline())), {}, ExitStatus::success};
   std::string lines(state.headline());
-  lines += '\n' + status.message + '\n';
+  lines += '\n' + printable(status.message) + '\n';
   lines += "Attempted at " + date_time::formatInternetDateTime(status.armedAt) + " (";
   lines += modeDescription(status.mode);
   lines += ")\n";

@@ -19,6 +19,10 @@ TEST(UsersReportTest, TextAndJson) {
        {"alice A1B2-C3\nbob\n", "", ExitStatus::success},
        {{"users", {{{"displayName", "alice"}, {"uuid", "A1B2-C3"}}, {{"displayName", "bob"}}}}}},
       {{}, {"", "No FileVault-enabled users are reported.", ExitStatus::success}, {{"users", none}}},
+      // A name is the tool's text: a terminal escape in it is shown, not obeyed.
+      {{{{"\x1b[2Jmallory", std::nullopt}}, std::nullopt},
+       {"?[2Jmallory\n", "", ExitStatus::success},
+       {{"users", {{{"displayName", "\x1b[2Jmallory"}}}}}},
       // The raw reason is a tool's own text: shown in JSON, never as the message.
       {{{}, "fdesetup: internal error 42"},
        {"", generic, ExitStatus::failure},
