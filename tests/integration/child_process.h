@@ -80,6 +80,7 @@ class ChildProcess final {
   }
   ~ChildProcess() { stop(SIGKILL); }
 
+  [[nodiscard]] pid_t pid() const noexcept { return pid_; }  // -1 once reaped
   [[nodiscard]] bool hasExited() {
     if (pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == pid_) pid_ = -1;
     return pid_ < 0;

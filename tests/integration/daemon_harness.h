@@ -40,28 +40,33 @@ using CliOutcome = std::tuple<int, std::string, std::string>;
 
 inline std::string builtCli() { return fs::canonical(HARBORKEEPER_CLI_BIN).string(); }
 
+// A trusted-client registry that lists each of `paths` as the app.
+inline std::string trustedClientRegistry(const std::vector<std::string>& paths) {
+  plist::Array registry;
+  for (const std::string& path : paths) {
+    plist::Dictionary entry;
+    entry.emplace("path", path);
+    entry.emplace("identifier", std::string(HelperConstants::appBundleIdentifier));
+    entry.emplace("teamIdentifier", std::string(HelperConstants::developerTeamIdentifier));
+    registry.emplace_back(std::move(entry));
+  }
+  return toString(plist::encode(registry, plist::Format::xml));
+}
+
 class Daemon final {
  public:
   // Runs `fdesetup`, a file of the tools directory, as fdesetup, with `extraArguments` added to
   // its command line. The registry lists the built CLI and `extraClients`; this test program is
-  // trusted besides. Returns once the socket accepts.
+  // trusted besides, unless `trustThisProgram` is false. Returns once the socket accepts.
   explicit Daemon(const std::string& fdesetup = "fdesetup_lists_two_users.sh",
                   std::vector<std::string> extraClients = {},
-                  const std::vector<std::string>& extraArguments = {}) {
+                  const std::vector<std::string>& extraArguments = {}, bool trustThisProgram = true) {
     const std::string tool = copyExecutable(fs::path(HARBORKEEPER_TEST_TOOLS_DIR) / fdesetup,
                                             dir / "tools/fdesetup", fs::perms(0755));
     fs::create_directory(dir / "state");
     fs::permissions(dir / "state", fs::perms(0700));  // whatever the umask
-    plist::Array registry;
     extraClients.push_back(builtCli());
-    for (const std::string& path : extraClients) {
-      plist::Dictionary entry;
-      entry.emplace("path", path);
-      entry.emplace("identifier", std::string(HelperConstants::appBundleIdentifier));
-      entry.emplace("teamIdentifier", std::string(HelperConstants::developerTeamIdentifier));
-      registry.emplace_back(std::move(entry));
-    }
-    writeRaw(dir / "registry.plist", toString(plist::encode(registry, plist::Format::xml)), fs::perms(0644));
+    writeRaw(dir / "registry.plist", trustedClientRegistry(extraClients), fs::perms(0644));
     // A variable of our own in its environment, which the stand-in fdesetup must not see.
     // NOLINTNEXTLINE(concurrency-mt-unsafe): set before the daemon starts; no thread of ours reads it.
     ::setenv("HARBORKEEPER_TEST_MARKER", "not-for-tools", 1);
@@ -76,10 +81,11 @@ class Daemon final {
                   "fdesetup=" + tool,
                   "--tool",
                   "pmset=/bin/true",
-                  "--trust-client",
-                  fs::canonical("/proc/self/exe"),
                   "--log",
                   "stderr"};
+    if (trustThisProgram) {
+      arguments_.insert(arguments_.end(), {"--trust-client", fs::canonical("/proc/self/exe").string()});
+    }
     arguments_.insert(arguments_.end(), extraArguments.begin(), extraArguments.end());
     start();
   }

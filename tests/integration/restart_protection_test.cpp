@@ -4,8 +4,8 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <random>
 #include <set>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -14,6 +14,7 @@
 #include "core/protection/protection_status.h"
 
 #include "tests/integration/daemon_harness.h"
+#include "tests/integration/soak_harness.h"
 #include "tests/integration/throwaway_user.h"
 
 namespace harborkeeper {
@@ -231,19 +232,18 @@ TEST_F(ProtectionDaemonTest, MissingToolOrPamServiceRefuses) {
 // Killed at any moment of arming, the daemon leaves each state file either as
 // it was or as it was going to be: never half written.
 TEST_F(ProtectionDaemonTest, KilledWhileArmingNeverLeavesAHalfWrittenFile) {
-  std::mt19937 random(std::random_device{}());
-  for (int round = 0; round < 20; ++round) {
-    SCOPED_TRACE(round);
-    auto client = daemon->client();
-    auto pending = client->send(ipc::selectors::enablePersistentProtection, {user->name(), password, Date()});
-    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 150));
-    daemon->restart(SIGKILL);
-    EXPECT_NO_THROW((void)status());
-    if (fs::exists(sealed())) {
-      EXPECT_NO_THROW(
-          EXPECT_EQ(plist::requireData(plist::asDictionary(unsealed()), "password"), toBytes(password)));
-    }
-  }
+  const CrashLoopTarget target{state(),
+                               daemon->socket(),
+                               [&] { daemon->stop(SIGKILL); },
+                               [&] { daemon->restart(); },
+                               user->name(),
+                               password,
+                               {}};
+  const CrashLoopReport report = runCrashLoop(target, {CrashOperation::enablePersistentProtection}, 20);
+  std::ostringstream printed;
+  printCrashLoopReport(printed, report);
+  EXPECT_EQ(report.rounds, 20);
+  EXPECT_TRUE(report.passed()) << printed.str();
   // The next complete write clears any copy a killed one left behind.
   ASSERT_EQ(enable(password), (Result{true, std::string(kEnabled)}));
   std::set<std::string> left;
