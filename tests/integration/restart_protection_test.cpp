@@ -14,7 +14,7 @@
 #include "core/protection/protection_status.h"
 
 #include "tests/integration/daemon_harness.h"
-#include "tests/integration/soak_harness.h"
+#include "bench/soak/soak_harness.h"
 #include "tests/integration/throwaway_user.h"
 
 namespace harborkeeper {

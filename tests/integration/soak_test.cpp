@@ -11,7 +11,7 @@
 #include "core/platform/state_file_test_support.h"
 #include "core/protection/protection_status.h"
 
-#include "tests/integration/soak_harness.h"
+#include "bench/soak/soak_harness.h"
 
 namespace harborkeeper::testing_support {
 namespace {

@@ -1,4 +1,4 @@
-#include "tests/integration/no_content_server.h"
+#include "bench/soak/no_content_server.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

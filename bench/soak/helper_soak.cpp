@@ -14,7 +14,7 @@
 #include <string>
 #include <string_view>
 
-#include "tests/integration/soak_harness.h"
+#include "bench/soak/soak_harness.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tests/integration/soak_traffic.h"
+#include "bench/soak/soak_traffic.h"
 
 #include <future>
 #include <optional>

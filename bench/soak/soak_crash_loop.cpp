@@ -18,7 +18,7 @@
 #include "core/protection/helper_constants.h"
 #include "core/protection/protection_status.h"
 
-#include "tests/integration/soak_harness.h"
+#include "bench/soak/soak_harness.h"
 
 namespace harborkeeper::testing_support {
 

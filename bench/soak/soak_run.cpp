@@ -12,8 +12,8 @@
 #include "core/ipc/helper_protocol.h"
 
 #include "tests/integration/child_process.h"
-#include "tests/integration/soak_harness.h"
-#include "tests/integration/soak_traffic.h"
+#include "bench/soak/soak_harness.h"
+#include "bench/soak/soak_traffic.h"
 
 namespace harborkeeper::testing_support {
 

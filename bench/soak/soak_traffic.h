@@ -18,7 +18,7 @@
 #include "core/platform/mutex.h"
 #include "core/platform/unique_fd.h"
 
-#include "tests/integration/soak_harness.h"
+#include "bench/soak/soak_harness.h"
 
 namespace harborkeeper::testing_support::soak {
 

@@ -1,4 +1,4 @@
-#include "tests/integration/soak_harness.h"
+#include "bench/soak/soak_harness.h"
 
 #include <signal.h>
 
@@ -8,7 +8,7 @@
 #include "core/platform/state_file_test_support.h"
 
 #include "tests/integration/child_process.h"
-#include "tests/integration/no_content_server.h"
+#include "bench/soak/no_content_server.h"
 #include "tests/integration/throwaway_user.h"
 
 namespace harborkeeper::testing_support {

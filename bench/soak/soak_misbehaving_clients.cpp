@@ -9,7 +9,7 @@
 #include "core/ipc/frame_codec.h"
 #include "core/ipc/helper_protocol.h"
 
-#include "tests/integration/soak_traffic.h"
+#include "bench/soak/soak_traffic.h"
 
 namespace harborkeeper::testing_support::soak {
 
