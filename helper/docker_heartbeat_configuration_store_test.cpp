@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <functional>
+
 #include <gtest/gtest.h>
 
 #include "core/foundation/plist.h"
@@ -22,47 +24,8 @@ struct StoreTest : testing::Test {
   const DockerHeartbeatConfigurationStore store{state, ::getuid()};
 };
 
-TEST_F(StoreTest, KeepsWhatItWasGiven) {
+TEST_F(StoreTest, StoreValidatesFirstKeepsWhatItWasGivenAndRepairsModes) {
   EXPECT_EQ(outcome([&] { return store.load().profileID; }), "Docker heartbeat is not configured.");
-  store.store(kValid);
-  EXPECT_EQ(store.load(), kValid);
-  EXPECT_EQ(modeOf(file), 0600U);
-}
-
-// Each way a stored file goes wrong, and the one error a load gives for it.
-TEST_F(StoreTest, LoadNamesWhatIsWrongWithTheFile) {
-  DockerHeartbeatConfiguration shortSecret = kValid;
-  shortSecret.sharedSecret = "short                        ";
-  const struct {
-    const char* name;
-    void (*damage)(const StoreTest&, const Bytes& shortSecretFile);
-    std::string error;
-  } cases[] = {
-      {"directory widened",
-       [](const StoreTest& t, const Bytes&) { fs::permissions(t.state, fs::perms(0755)); },
-       "Docker heartbeat configuration is not stored safely. Harborkeeper helper state directory is not "
-       "private. "
-       "Expected permissions 700."},
-      {"file narrowed", [](const StoreTest& t, const Bytes&) { fs::permissions(t.file, fs::perms(0400)); },
-       "Docker heartbeat configuration is not stored safely. Harborkeeper helper state file is not private. "
-       "Expected permissions 600."},
-      {"edited to a short secret",
-       [](const StoreTest& t, const Bytes& bytes) { writeRaw(t.file, std::string(asStringView(bytes))); },
-       "Docker heartbeat configuration is invalid. Heartbeat secret must be at least 24 characters."},
-      {"wrong shape", [](const StoreTest& t, const Bytes&) { writeRaw(t.file, "<plist><array/></plist>"); },
-       "Docker heartbeat configuration is invalid. The data couldn’t be read because it isn’t in the correct "
-       "format."},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    fs::remove_all(state);
-    store.store(kValid);
-    c.damage(*this, shortSecret.encodeXml());
-    EXPECT_EQ(outcome([&] { return store.load().profileID; }), c.error);
-  }
-}
-
-TEST_F(StoreTest, StoreValidatesFirstAndRepairsModes) {
   DockerHeartbeatConfiguration invalid = kValid;
   invalid.endpointURL = "ftp://unlocker.local/";
   EXPECT_EQ(outcome([&] { store.store(invalid); }),
@@ -70,11 +33,43 @@ TEST_F(StoreTest, StoreValidatesFirstAndRepairsModes) {
   EXPECT_FALSE(fs::exists(state));
 
   store.store(kValid);
+  EXPECT_EQ(store.load(), kValid);
   fs::permissions(state, fs::perms(0755));
   fs::permissions(file, fs::perms(0644));
   store.store(kValid);
   EXPECT_EQ(modeOf(state), 0700U);
   EXPECT_EQ(modeOf(file), 0600U);
+}
+
+// Each way a stored file goes wrong, and the one error a load gives for it.
+TEST_F(StoreTest, LoadNamesWhatIsWrongWithTheFile) {
+  DockerHeartbeatConfiguration shortSecret = kValid;
+  shortSecret.sharedSecret = "short                        ";
+  const std::string unsafe =
+      "Docker heartbeat configuration is not stored safely. Harborkeeper helper state ";
+  const struct {
+    const char* name;
+    std::function<void()> damage;
+    std::string error;
+  } cases[] = {
+      {"directory widened", [&] { fs::permissions(state, fs::perms(0755)); },
+       unsafe + "directory is not private. Expected permissions 700."},
+      {"file narrowed", [&] { fs::permissions(file, fs::perms(0400)); },
+       unsafe + "file is not private. Expected permissions 600."},
+      {"edited to a short secret",
+       [&] { writeRaw(file, std::string(asStringView(shortSecret.encodeXml()))); },
+       "Docker heartbeat configuration is invalid. Heartbeat secret must be at least 24 characters."},
+      {"wrong shape", [&] { writeRaw(file, "<plist><array/></plist>"); },
+       "Docker heartbeat configuration is invalid. The data couldn’t be read because it isn’t in the correct "
+       "format."},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove_all(state);
+    store.store(kValid);
+    c.damage();
+    EXPECT_EQ(outcome([&] { return store.load().profileID; }), c.error);
+  }
 }
 
 }  // namespace

@@ -11,16 +11,12 @@ using namespace std::chrono_literals;
 using testing_support::FixedClock;
 
 // Expected signatures were computed with Python's hmac and base64 modules
-// (urlsafe_b64encode, padding stripped), and the first also with
-// `printf '0.' | openssl dgst -sha256 -hmac KEY -binary | base64`.
+// (urlsafe_b64encode, padding stripped), and this one also with
+// `printf '0.' | openssl dgst -sha256 -hmac KEY -binary | base64`; the request
+// test below checks one over a body and a non-ASCII secret.
 TEST(DockerHeartbeatRequestTest, SignatureCoversTimestampDotBody) {
   EXPECT_EQ(DockerHeartbeat::heartbeatSignature("0123456789abcdef0123456789abcdef", "0", ""),
             "tbP77VtZ2SUxbW0520l6unCCCWHdpT3-I6h1Wdqx62s");
-  const std::string body =
-      R"({"bootIdentifier":"1763220000","helperVersion":"1.3","hostName":"rack/mini","profileId":" docker-1 "})";
-  EXPECT_EQ(DockerHeartbeat::heartbeatSignature("  shared secret with spaces, \xC3\xA9 and \xC3\xBC  ",
-                                                "1763223600", body),
-            "_8h033zd72mfWzGPvCfHilzjSvGkmeVAfB0bILwLOPA");
 }
 
 TEST(DockerHeartbeatRequestTest, RequestCarriesTheSignedBodyAndTimestamp) {

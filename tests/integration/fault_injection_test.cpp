@@ -109,18 +109,13 @@ class FaultTest : public DaemonTest {
 
   // `verb` of the stand-in fdesetup (list, authrestart) or systemd-creds
   // (encrypt, decrypt) does what `mode` says from now on.
-  void fdesetupDoes(const std::string& verb, const std::string& mode) const {
-    writeRaw(fdesetupTools() / (verb + ".mode"), mode);
+  [[nodiscard]] fs::path modeFile(const std::string& verb) const {
+    const bool creds = verb == "encrypt" || verb == "decrypt";
+    return (creds ? credsTools.path() / "bin" : fdesetupTools()) / (verb + ".mode");
   }
-  void credsDo(const std::string& verb, const std::string& mode) const {
-    writeRaw(credsTools.path() / "bin" / (verb + ".mode"), mode);
-  }
+  void toolDoes(const std::string& verb, const std::string& mode) const { writeRaw(modeFile(verb), mode); }
   void allToolsBehave() const {
-    for (const fs::path& mode :
-         {fdesetupTools() / "list.mode", fdesetupTools() / "authrestart.mode",
-          credsTools.path() / "bin/encrypt.mode", credsTools.path() / "bin/decrypt.mode"}) {
-      fs::remove(mode);
-    }
+    for (const char* verb : {"list", "authrestart", "encrypt", "decrypt"}) fs::remove(modeFile(verb));
   }
 
   CliOutcome arm() const {
@@ -155,19 +150,53 @@ class FaultTest : public DaemonTest {
     return files;
   }
   [[nodiscard]] std::string stateFile(std::string_view name) const { return (state() / name).string(); }
-  [[nodiscard]] std::string couldNotWrite(std::string_view name, const std::string& cause) const {
-    return "Could not write " + stateFile(name) + ": " + cause + ".";
-  }
-  // What an arming that worked but could not be recorded appends to its reply.
-  [[nodiscard]] std::string unrecordedProof(const std::string& cause) const {
-    return "Harborkeeper could not record protection proof. Harborkeeper could not write protection "
-           "status. " +
-           couldNotWrite(kStatusFile, cause);
-  }
   [[nodiscard]] fs::path state() const { return daemon->dir / "state"; }
   [[nodiscard]] fs::path fdesetupTools() const { return daemon->dir / "tools"; }
 
   void expectStillServing() const { EXPECT_EQ(daemon->cli({"version"}), CliOutcome(0, "1.3", "")); }
+
+  // Protection and a heartbeat stored on a tmpfs of their own, for a fault to break.
+  void storeOnTmpfs() {
+    mount.emplace(state());
+    ASSERT_EQ(enable(), succeeded(kEnabled));
+    ASSERT_EQ(configure("docker-1"), succeeded("Docker heartbeat is configured."));
+  }
+
+  // Each store fails for `cause` with its reply, clears only what its rules
+  // say (`rearmClears` for a re-arm that cannot be proven) and the daemon
+  // serves on with what was stored before.
+  void expectEachStoreFails(const std::string& cause, const std::set<std::string>& rearmClears,
+                            const std::string& enableReply) {
+    const std::string proof =
+        "Harborkeeper could not record protection proof. Harborkeeper could not write protection status. "
+        "Could not write " +
+        stateFile(kStatusFile) + ": " + cause + ".";
+    const struct {
+      const char* request;
+      std::function<CliOutcome()> send;
+      std::string reply;
+      std::set<std::string> cleared;
+    } faults[] = {
+        {"arm", [&] { return arm(); }, "Authenticated restart was armed, but " + proof, {}},
+        {"heartbeat configure",
+         [&] { return configure("docker-2"); },
+         "Docker heartbeat configuration could not be stored. Could not write " + stateFile(kHeartbeatFile) +
+             ": " + cause + ".",
+         {}},
+        {"persistent arm", [&] { return rearm(); }, "Persistent protection was armed, but " + proof,
+         rearmClears},
+        {"persistent enable", [&] { return enable(); }, enableReply, {}},
+    };
+    std::map<std::string, std::string> expected = stateFiles();
+    for (const auto& fault : faults) {
+      SCOPED_TRACE(fault.request);
+      EXPECT_EQ(fault.send(), failed(fault.reply));
+      for (const std::string& name : fault.cleared) expected.erase(name);
+      EXPECT_EQ(stateFiles(), expected);
+      expectStillServing();
+    }
+    EXPECT_EQ(heartbeatProfile(), "docker-1");
+  }
 
   const TemporaryDirectory credsTools;
   const std::string passwordCore = randomLetters(12);
@@ -177,145 +206,78 @@ class FaultTest : public DaemonTest {
   std::optional<TmpfsMount> mount;  // last, so unmounted before the daemon's directory goes
 };
 
-// A request whose store fails, its reply, and the state files its rules clear on the way.
-struct StoreFault {
-  const char* request;
-  std::function<CliOutcome()> send;
-  std::string reply;
-  std::set<std::string_view> cleared;
-};
-
 TEST_F(FaultTest, FullStateDirectoryFailsEachStoreAndKeepsWhatWasStored) {
-  mount.emplace(state());
-  ASSERT_EQ(enable(), succeeded(kEnabled));
-  ASSERT_EQ(configure("docker-1"), succeeded("Docker heartbeat is configured."));
+  ASSERT_NO_FATAL_FAILURE(storeOnTmpfs());
   ASSERT_NO_FATAL_FAILURE(fillUp(state() / kFiller));
   // The disk fills up again while fdesetup arms, so what a request clears first is no help to it.
   writeRaw(fdesetupTools() / "fill.target", stateFile(kFiller));
-  fdesetupDoes("authrestart", "fill");
-
-  const std::string full = "No space left on device";
-  const std::string proof = unrecordedProof(full);
-  const StoreFault faults[] = {
-      {"arm", [&] { return arm(); }, "Authenticated restart was armed, but " + proof, {}},
-      {"heartbeat configure",
-       [&] { return configure("docker-2"); },
-       "Docker heartbeat configuration could not be stored. " + couldNotWrite(kHeartbeatFile, full),
-       {}},
-      // Persistent protection that cannot be proven is taken back.
-      {"persistent arm",
-       [&] { return rearm(); },
-       "Persistent protection was armed, but " + proof,
-       {kStatusFile, kSealedFile}},
-      {"persistent enable",
-       [&] { return enable(); },
-       "Authenticated restart was armed for the next restart, but persistent protection could not be stored. "
-       "The credential could not be stored in the System Keychain. OSStatus -36.",
-       {}},
-  };
-  std::map<std::string, std::string> expected = stateFiles();
-  for (const StoreFault& fault : faults) {
-    SCOPED_TRACE(fault.request);
-    EXPECT_EQ(fault.send(), failed(fault.reply));
-    for (const std::string_view name : fault.cleared) expected.erase(std::string(name));
-    EXPECT_EQ(stateFiles(), expected);
-    expectStillServing();
-  }
-  EXPECT_EQ(heartbeatProfile(), "docker-1");
+  toolDoes("authrestart", "fill");
+  // Persistent protection that cannot be proven is taken back.
+  expectEachStoreFails(
+      "No space left on device", {std::string(kStatusFile), std::string(kSealedFile)},
+      "Authenticated restart was armed for the next restart, but persistent protection could "
+      "not be stored. The credential could not be stored in the System Keychain. OSStatus -36.");
 }
 
 TEST_F(FaultTest, ReadOnlyStateDirectoryRefusesEachStoreAndStillLoads) {
-  mount.emplace(state());
-  ASSERT_EQ(enable(), succeeded(kEnabled));
-  ASSERT_EQ(configure("docker-1"), succeeded("Docker heartbeat is configured."));
+  ASSERT_NO_FATAL_FAILURE(storeOnTmpfs());
   mount->remountReadOnly();
-
-  const std::string readOnly = "Read-only file system";
-  const std::string proof = unrecordedProof(readOnly);
   // Nothing can be cleared either, so every failure leaves everything.
-  const StoreFault faults[] = {
-      {"arm", [&] { return arm(); }, "Authenticated restart was armed, but " + proof, {}},
-      {"persistent arm", [&] { return rearm(); }, "Persistent protection was armed, but " + proof, {}},
-      {"persistent enable",
-       [&] { return enable(); },
-       "Harborkeeper could not clear the previous automatic unlock state. Could not remove " +
-           stateFile(kStatusFile) + ": " + readOnly + ".",
-       {}},
-      {"heartbeat configure",
-       [&] { return configure("docker-2"); },
-       "Docker heartbeat configuration could not be stored. " + couldNotWrite(kHeartbeatFile, readOnly),
-       {}},
-  };
-  const std::map<std::string, std::string> before = stateFiles();
-  for (const StoreFault& fault : faults) {
-    SCOPED_TRACE(fault.request);
-    EXPECT_EQ(fault.send(), failed(fault.reply));
-    EXPECT_EQ(stateFiles(), before);
-    expectStillServing();
-  }
+  expectEachStoreFails("Read-only file system", {},
+                       "Harborkeeper could not clear the previous automatic unlock state. Could not remove " +
+                           stateFile(kStatusFile) + ": Read-only file system.");
   const auto [code, shown, error] = daemon->cli({"status"});
   EXPECT_EQ(code, 0) << error;
   EXPECT_EQ(shown.substr(0, shown.rfind('\n')), "Protected for future restarts\n" + std::string(kEnabled));
-  EXPECT_EQ(heartbeatProfile(), "docker-1");
 }
 
 // A request against a tool that misbehaves: its reply, recorded as the failed
-// attempt's status, and whether the sealed credential is still there.
-struct ToolFault {
-  const char* fault;
-  std::function<void()> inject;
-  bool enabledBefore;
-  std::function<CliOutcome()> send;
-  Mode mode;
-  std::string reply;
-  bool credentialKept;
-};
-
+// attempt's status, and whether the sealed credential is still there. Only a
+// re-arm starts with protection enabled.
 TEST_F(FaultTest, ToolsThatCrashOrPrintGarbage) {
   const std::string unreadable =
-      "The stored credential could not be read from the System Keychain. OSStatus ";
+      "The stored credential could not be read from the System Keychain. OSStatus -26275.";
   const std::string refused = "fdesetup: authrestart refused [user] with [password]";
-  const ToolFault faults[] = {
-      {"fdesetup list crashes", [&] { fdesetupDoes("list", "crash"); }, false, [&] { return arm(); },
-       Mode::nextRestart,
+  const struct {
+    const char* verb;
+    const char* mode;
+    const char* request;  // arm, enable or rearm
+    std::string reply;
+    bool credentialKept;
+  } faults[] = {
+      {"list", "crash", "arm",
        "Harborkeeper could not verify FileVault users before arming authenticated restart.", false},
       // Two nonsense lines read as two users, which proves the stored selection wrong.
-      {"fdesetup list prints garbage", [&] { fdesetupDoes("list", "nul"); }, true, [&] { return rearm(); },
-       Mode::persistent,
+      {"list", "nul", "rearm",
        "Harborkeeper v1 requires exactly one FileVault-enabled local user before arming authenticated "
        "restart.",
        false},
-      {"fdesetup authrestart crashes", [&] { fdesetupDoes("authrestart", "crash"); }, false,
-       [&] { return arm(); }, Mode::nextRestart, refused, false},
-      {"fdesetup authrestart crashes on re-arm", [&] { fdesetupDoes("authrestart", "crash"); }, true,
-       [&] { return rearm(); }, Mode::persistent, refused, true},
-      {"systemd-creds crashes sealing", [&] { credsDo("encrypt", "crash"); }, false, [&] { return enable(); },
-       Mode::persistent,
+      {"authrestart", "crash", "arm", refused, false},
+      {"authrestart", "crash", "rearm", refused, true},
+      {"encrypt", "crash", "enable",
        "Authenticated restart was armed for the next restart, but persistent protection could not be stored. "
        "The credential could not be stored in the System Keychain. OSStatus -25291.",
        false},
-      {"systemd-creds crashes unsealing", [&] { credsDo("decrypt", "crash"); }, true, [&] { return rearm(); },
-       Mode::persistent, unreadable + "-26275.", true},
-      {"systemd-creds unseals garbage", [&] { credsDo("decrypt", "garbage"); }, true, [&] { return rearm(); },
-       Mode::persistent, unreadable + "-26275.", true},
+      {"decrypt", "crash", "rearm", unreadable, true},
+      {"decrypt", "garbage", "rearm", unreadable, true},
   };
-  for (const ToolFault& fault : faults) {
-    SCOPED_TRACE(fault.fault);
+  for (const auto& fault : faults) {
+    const std::string request = fault.request;
+    SCOPED_TRACE(std::string(fault.verb) + " " + fault.mode + " on " + request);
     allToolsBehave();
     ASSERT_EQ(std::get<0>(daemon->cli({"persistent", "disable"})), 0);
-    if (fault.enabledBefore) {
+    if (request == "rearm") {
       ASSERT_EQ(enable(), succeeded(kEnabled));
     }
     const std::string sealedBefore = contentOf(state() / kSealedFile);
-    fault.inject();
-    EXPECT_EQ(fault.send(), failed(fault.reply));
+    toolDoes(fault.verb, fault.mode);
+    EXPECT_EQ(request == "arm" ? arm() : request == "enable" ? enable() : rearm(), failed(fault.reply));
     const std::optional<HelperProtectionStatus> recorded = status();
     ASSERT_TRUE(recorded);
-    EXPECT_EQ(*recorded, (HelperProtectionStatus{fault.mode, false, recorded->armedAt, fault.reply}));
+    const Mode mode = request == "arm" ? Mode::nextRestart : Mode::persistent;
+    EXPECT_EQ(*recorded, (HelperProtectionStatus{mode, false, recorded->armedAt, fault.reply}));
     EXPECT_EQ(fs::exists(state() / kSealedFile), fault.credentialKept);
-    if (fault.credentialKept) {
-      EXPECT_EQ(contentOf(state() / kSealedFile), sealedBefore);
-    }
+    EXPECT_EQ(contentOf(state() / kSealedFile), fault.credentialKept ? sealedBefore : "");
     expectStillServing();
   }
   EXPECT_EQ(daemon->log().find(passwordCore), std::string::npos);
@@ -340,7 +302,7 @@ TEST_F(FaultTest, UsersReplyWhenTheListCrashesOrIsGarbage) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.mode);
-    fdesetupDoes("list", c.mode);
+    toolDoes("list", c.mode);
     const std::optional<Bytes> data = daemon->client()->fileVaultUsersData();
     EXPECT_EQ(data.has_value(), !c.reply.empty());
     if (data && !c.reply.empty()) {
@@ -358,8 +320,8 @@ TEST_F(FaultTest, UsersReplyWhenTheListCrashesOrIsGarbage) {
 TEST_F(FaultTest, HangingToolsAreStoppedAtTheirLimitWhileTheDaemonServes) {
   ASSERT_EQ(enable(), succeeded(kEnabled));
   const std::string sealedBefore = contentOf(state() / kSealedFile);
-  fdesetupDoes("list", "hang");
-  credsDo("decrypt", "hang");
+  toolDoes("list", "hang");
+  toolDoes("decrypt", "hang");
   const auto start = std::chrono::steady_clock::now();
   auto users = std::async(std::launch::async, [&] { return daemon->client()->fileVaultUsersData(); });
   auto rearmed = std::async(std::launch::async, [&] { return daemon->client()->armPersistentProtection(); });
@@ -404,21 +366,19 @@ TEST_F(DaemonTest, RegistryReplacedUnderRunningClients) {
   std::vector<std::string> wrong;
   const auto keepCalling = [&] {
     while (!done) {
+      std::optional<std::string> reply;  // none: closed without one
       try {
-        const std::string version = daemon.client()->helperVersion();
-        if (version == "1.3") {
-          ++answered;
-          continue;
-        }
-        const std::lock_guard lock(mutex);
-        wrong.push_back("replied " + version);
+        reply = daemon.client()->helperVersion();
       } catch (const ipc::HelperClientError& error) {
-        if (error.kind() == ipc::HelperClientError::Kind::connectionClosed) {
-          ++refused;
-          continue;
-        }
+        if (error.kind() != ipc::HelperClientError::Kind::connectionClosed) reply = error.what();
+      }
+      if (!reply) {
+        ++refused;
+      } else if (*reply == "1.3") {
+        ++answered;
+      } else {
         const std::lock_guard lock(mutex);
-        wrong.emplace_back(error.what());
+        wrong.push_back(*reply);
       }
     }
   };
@@ -438,13 +398,12 @@ TEST_F(DaemonTest, RegistryReplacedUnderRunningClients) {
   EXPECT_TRUE(eventually([&] { return daemon.logLines("Refused a client: ") == refused; }))
       << daemon.logLines("Refused a client: ") << " logged, " << refused.load() << " refused";
   // Once it settles, the file alone decides, and one caught truncated or half written refuses.
-  const std::string closed = "harborkeeper: The Harborkeeper helper closed the connection without replying.";
-  const std::pair<std::string, CliOutcome> settled[] = {
-      {distrusting, {3, "", closed}},
-      {"", {3, "", closed}},
-      {trusting.substr(0, trusting.size() / 2), {3, "", closed}},
-      {trusting, {0, "1.3", ""}},
-  };
+  const CliOutcome closed{3, "",
+                          "harborkeeper: The Harborkeeper helper closed the connection without replying."};
+  const std::pair<std::string, CliOutcome> settled[] = {{distrusting, closed},
+                                                        {"", closed},
+                                                        {trusting.substr(0, trusting.size() / 2), closed},
+                                                        {trusting, {0, "1.3", ""}}};
   for (const auto& [document, outcome] : settled) {
     replace[1](document);
     EXPECT_EQ(daemon.cli({"version"}), outcome) << document;
