@@ -23,7 +23,7 @@ using namespace std::chrono_literals;
 
 constexpr std::int64_t kDefaultPairingSeconds = 600;
 constexpr std::int64_t kDefaultWaitSeconds = 600;
-constexpr std::int64_t kLongestLifetime = 7 * 24 * 3600;
+constexpr std::int64_t kLongestLifetime = std::int64_t{7} * 24 * 3600;
 
 // One command runs per invocation, so its options can share one record.
 struct ListenerOptions {

@@ -22,7 +22,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t kMaximumFileSize = 64 * 1024;
+constexpr std::size_t kMaximumFileSize = std::size_t{64} * 1024;
 
 [[noreturn]] void failRead(int errorNumber, const fs::path& file) {
   throw CommandError(FileSystemError(errorNumber, "Could not read", file.string()).what());
@@ -55,8 +55,9 @@ ApprovalConfiguration decode(const fs::path& file, std::string_view text) {
       member(file, "defaultTTLSeconds", [&] { return json::requireInteger(object, "defaultTTLSeconds"); });
   c.caFile = member(file, "caFile", [&] { return json::optionalString(object, "caFile"); }).value_or("");
   secureWipe(object["listenerSecret"].get_ref<std::string&>());
-  if (c.defaultTTLSeconds <= 0)
+  if (c.defaultTTLSeconds <= 0) {
     throw CommandError(file.string() + ": \"defaultTTLSeconds\" must be positive.");
+  }
   return c;
 }
 
@@ -123,8 +124,9 @@ void ApprovalConfigurationStore::save(const ApprovalConfiguration& c) const {
   std::error_code error;
   if (!fs::exists(directory, error)) {
     fs::create_directories(directory, error);
-    if (error)
+    if (error) {
       throw CommandError(FileSystemError(error.value(), "Could not create", directory.string()).what());
+    }
     fs::permissions(directory, fs::perms::owner_all, error);
   }
   json::Json object = {{"endpointURL", c.endpointURL},

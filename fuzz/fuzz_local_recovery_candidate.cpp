@@ -18,8 +18,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string trimmed = harborkeeper::text::trimmed(host);
   const auto isCandidate = LocalUnlockerProfileExporter::isLocalRecoveryCandidate;
   const bool candidate = isCandidate(host);
-  if (isCandidate(" \n" + host + "\t") != candidate || isCandidate("[" + trimmed + "]") != candidate)
+  if (isCandidate(" \n" + host + "\t") != candidate || isCandidate("[" + trimmed + "]") != candidate) {
     std::abort();
+  }
 
   harborkeeper::RecoveryProfile profile;
   profile.id = "E621E1F8-C36C-495A-93FC-0C247A3E6E5F";

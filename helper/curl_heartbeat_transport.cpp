@@ -21,8 +21,9 @@ constexpr int kIdlePollMilliseconds = 1000;
 void initializeCurlOnce() {
   static std::once_flag once;
   std::call_once(once, [] {
-    if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK)
+    if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
       throw std::runtime_error("libcurl could not start.");
+    }
   });
 }
 
@@ -43,7 +44,8 @@ struct Transfer {
       : request(std::move(r)), completion(std::move(c)) {
     if (!easy) throw std::runtime_error("libcurl could not create a transfer.");
     for (const auto& [name, value] : request.headers) {
-      const std::string line = name + ": " + value;
+      std::string line = name;
+      line.append(": ").append(value);
       curl_slist* extended = curl_slist_append(headers.get(), line.c_str());
       if (extended == nullptr) throw std::runtime_error("libcurl could not add a header.");
       (void)headers.release();

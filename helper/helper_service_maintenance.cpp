@@ -40,7 +40,8 @@ bool directoryHasEntries(const std::string& path) {
     throw FileSystemError(error, "Could not list", path);
   }
   errno = 0;
-  while (const dirent* entry = ::readdir(directory.get())) {
+  // readdir is only unsafe on a shared stream; this one is private to the call.
+  while (const dirent* entry = ::readdir(directory.get())) {  // NOLINT(concurrency-mt-unsafe)
     const std::string_view name = entry->d_name;
     if (name != "." && name != "..") return true;
   }

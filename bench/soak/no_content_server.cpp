@@ -80,8 +80,9 @@ void NoContentServer::answer(UniqueFd connection) {
     headEnd = request.find("\r\n\r\n");
   }
   constexpr std::string_view reply = "HTTP/1.1 204 No Content\r\nConnection: close\r\n\r\n";
-  if (::send(connection.get(), reply.data(), reply.size(), MSG_NOSIGNAL) == ssize_t(reply.size()))
+  if (::send(connection.get(), reply.data(), reply.size(), MSG_NOSIGNAL) == ssize_t(reply.size())) {
     ++answered_;
+  }
 }
 
 }  // namespace harborkeeper::testing_support

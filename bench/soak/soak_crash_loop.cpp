@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <future>
 #include <iomanip>
@@ -67,13 +68,11 @@ plist::Array argumentsOf(CrashOperation operation, const CrashLoopTarget& target
 
 // The copy a store writes before renaming it into place: ".<file>.<8 characters>".
 bool isTemporaryCopy(std::string_view entry) {
-  for (const std::string_view file : {kStatusFile, kHeartbeatFile, kCredentialFile}) {
-    if (entry.size() == file.size() + 10 && entry.starts_with('.') && entry.substr(1, file.size()) == file &&
-        entry[file.size() + 1] == '.') {
-      return true;
-    }
-  }
-  return false;
+  constexpr std::array files{kStatusFile, kHeartbeatFile, kCredentialFile};
+  return std::ranges::any_of(files, [&](std::string_view file) {
+    return entry.size() == file.size() + 10 && entry.starts_with('.') && entry.substr(1, file.size()) == file &&
+           entry[file.size() + 1] == '.';
+  });
 }
 
 void checkCredential(const CrashLoopTarget& target, const fs::path& file) {
@@ -132,7 +131,9 @@ DirectoryState inspect(const CrashLoopTarget& target) {
 void note(CrashLoopReport& report, int round, const std::string& when,
           const std::vector<std::string>& problems) {
   for (const std::string& problem : problems) {
-    report.failures.push_back("round " + std::to_string(round) + ", " + when + ": " + problem);
+    std::string line = "round " + std::to_string(round);
+    line.append(", ").append(when).append(": ").append(problem);
+    report.failures.push_back(std::move(line));
   }
 }
 
@@ -142,6 +143,7 @@ void crashDuring(const CrashLoopTarget& target, CrashOperation operation, std::m
   // Queued after the launch re-arm of the last restart, so the kill hits our operation.
   (void)client->call(selectors::dockerHeartbeatStatusData);
   std::vector<std::future<plist::Array>> unanswered;
+  unanswered.reserve(static_cast<std::size_t>(infoOf(operation).inFlight));
   for (int i = 0; i < infoOf(operation).inFlight; ++i) {
     unanswered.push_back(client->send(infoOf(operation).selector, argumentsOf(operation, target)));
   }
@@ -178,7 +180,7 @@ void runRound(const CrashLoopTarget& target, CrashOperation operation, int round
 
 std::vector<std::string> stateFileProblems(const CrashLoopTarget& target, bool temporaryCopiesAllowed) {
   DirectoryState state = inspect(target);
-  if (state.temporaries > 0 && !temporaryCopiesAllowed) state.problems.push_back("a temporary copy is left");
+  if (state.temporaries > 0 && !temporaryCopiesAllowed) state.problems.emplace_back("a temporary copy is left");
   return state.problems;
 }
 

@@ -92,8 +92,9 @@ std::optional<std::string> checkStatusFile(const std::optional<Bytes>& data) {
       {Mode::persistent, false, kNoCredential},
   };
   for (const auto& [mode, succeeded, message] : allowed) {
-    if (status.mode == mode && status.succeeded == succeeded && status.message == message)
+    if (status.mode == mode && status.succeeded == succeeded && status.message == message) {
       return std::nullopt;
+    }
   }
   return "recorded an unexpected status: " + status.message;
 }
@@ -167,13 +168,15 @@ bool exchange(ipc::HelperClient& client, const std::vector<Kind>& kinds, const E
                        client.send(infoOf(kind).selector, argumentsOf(kind, expected))});
   }
   bool usable = true;
-  for (auto it = pending.rbegin(); it != pending.rend(); ++it) {
-    const std::string name(infoOf(it->kind).name);
+  // Newest first: clang 14 cannot use libstdc++ 12's views::reverse.
+  for (std::size_t i = pending.size(); i-- > 0;) {
+    Pending& request = pending[i];
+    const std::string name(infoOf(request.kind).name);
     try {
-      if (const auto problem = problemWith(it->kind, it->reply.get(), expected)) {
+      if (const auto problem = problemWith(request.kind, request.reply.get(), expected)) {
         tally.fail(name + ": " + *problem);
       } else {
-        tally.answered(it->kind, std::chrono::steady_clock::now() - it->sent);
+        tally.answered(request.kind, std::chrono::steady_clock::now() - request.sent);
       }
     } catch (const std::exception& error) {
       tally.fail(name + ": " + error.what());

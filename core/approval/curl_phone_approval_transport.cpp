@@ -73,7 +73,9 @@ HeaderList headerList(const PhoneApprovalHTTPRequest& request) {
         value.find('\0') != std::string::npos) {
       fail(HttpFailureKind::other, "the request failed (a header holds a line break)");
     }
-    add(name + ": " + value);
+    std::string line = name;
+    line.append(": ").append(value);
+    add(line);
   }
   // libcurl would otherwise add a form content type to a bodiless POST and
   // wait for "100 Continue" before a larger body.

@@ -23,7 +23,7 @@ constexpr std::size_t kCoordinateBytes = 32;
 constexpr std::size_t kPointBytes = 1 + 2 * kCoordinateBytes;
 constexpr char kGroupName[] = "prime256v1";
 // A P-256 key in PEM is a few hundred bytes; anything near int's range is not one.
-constexpr std::size_t kMaxPEMBytes = 64 * 1024;
+constexpr std::size_t kMaxPEMBytes = std::size_t{64} * 1024;
 
 template <typename T, void (*Free)(T*)>
 struct Freer {

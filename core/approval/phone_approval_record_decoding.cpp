@@ -98,8 +98,9 @@ class Fields {
 };
 
 Fields topLevel(const Json& object) {
-  if (!object.is_object())
+  if (!object.is_object()) {
     throw PhoneApprovalDecodingError(Kind::notAnObject, "", "The record is not a JSON object.");
+  }
   return Fields(object, "", "");
 }
 

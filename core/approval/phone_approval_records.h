@@ -171,7 +171,7 @@ class PhoneApprovalDecodingError : public std::runtime_error {
 };
 
 // Larger response bodies are refused before parsing.
-inline constexpr std::size_t kPhoneApprovalMaxResponseBytes = 1024 * 1024;
+inline constexpr std::size_t kPhoneApprovalMaxResponseBytes = std::size_t{1024} * 1024;
 
 // Encoding: every key of the record (absent optionals left out). Keys come
 // out sorted when serialized (json::serialize).

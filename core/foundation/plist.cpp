@@ -40,12 +40,14 @@ void wipeValues(plist_t node) noexcept {
   std::uint64_t length = 0;
   switch (plist_get_node_type(node)) {
     case PLIST_STRING:
-      if (const char* text = plist_get_string_ptr(node, &length))
+      if (const char* text = plist_get_string_ptr(node, &length)) {
         OPENSSL_cleanse(const_cast<char*>(text), length);
+      }
       return;
     case PLIST_DATA:
-      if (const char* data = plist_get_data_ptr(node, &length))
+      if (const char* data = plist_get_data_ptr(node, &length)) {
         OPENSSL_cleanse(const_cast<char*>(data), length);
+      }
       return;
     case PLIST_ARRAY:
       for (std::uint32_t i = 0, n = plist_array_get_size(node); i < n; ++i) {

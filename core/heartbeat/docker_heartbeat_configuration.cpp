@@ -88,8 +88,9 @@ DockerHeartbeatConfiguration DockerHeartbeatConfiguration::decode(std::string_vi
 
 void DockerHeartbeatConfiguration::validate() const {
   using Error = DockerHeartbeatConfigurationStoreError;
-  if (!hasHttpScheme(endpointURL))
+  if (!hasHttpScheme(endpointURL)) {
     throw Error::invalidConfiguration("Use a valid HTTP or HTTPS heartbeat URL.");
+  }
   if (text::trimmed(profileID).empty()) throw Error::invalidConfiguration("Missing Docker profile id.");
   std::string trimmedSecret = text::trimmed(sharedSecret);
   const WipeOnExit wipe(trimmedSecret);

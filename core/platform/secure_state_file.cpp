@@ -169,7 +169,8 @@ void removeStaleTemporaries(int directory, const std::string& fileName) noexcept
   }
   const std::string prefix = "." + fileName + ".";
   std::vector<std::string> stale;
-  while (const dirent* entry = ::readdir(entries)) {
+  // readdir is only unsafe on a shared stream; this one is private to the call.
+  while (const dirent* entry = ::readdir(entries)) {  // NOLINT(concurrency-mt-unsafe)
     const std::string_view name(entry->d_name);
     if (name.size() == prefix.size() + kSuffixLength && name.starts_with(prefix)) stale.emplace_back(name);
   }

@@ -1,5 +1,6 @@
 #include "core/provisioning/recovery_agent_link_payload.h"
 
+#include <algorithm>
 #include <array>
 #include <new>
 
@@ -57,10 +58,8 @@ std::string payloadText(const std::string& trimmed) {
 
 bool mentionsSensitiveWord(std::string_view text) {
   const std::string lower = text::lowercased(text::repairedUtf8(text));
-  for (const std::string_view word : kSensitiveWords) {
-    if (lower.find(word) != std::string::npos) return true;
-  }
-  return false;
+  return std::ranges::any_of(kSensitiveWords,
+                             [&](std::string_view word) { return lower.find(word) != std::string::npos; });
 }
 
 std::vector<std::string> stringArray(const Json& object, std::string_view key) {
@@ -91,8 +90,9 @@ RecoveryAgentLinkPayload decode(std::string_view text) {
     payload.expiresAt = *expiresAt;
     const Json& capabilities = json::require(object, "capabilities");
     if (!capabilities.is_array()) fail(Error::Kind::invalidFormat);
-    for (const Json& item : capabilities)
+    for (const Json& item : capabilities) {
       payload.capabilities.push_back(caseNamed<Capability>(kCapabilities, item));
+    }
     return payload;
   } catch (const json::DecodeError&) {
     fail(Error::Kind::invalidFormat);

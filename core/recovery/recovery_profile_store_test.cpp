@@ -76,15 +76,16 @@ TEST(RecoveryProfileStoreTest, SavesPrivatelyKeepsUnknownMembersAndNeverOverwrit
 TEST(RecoveryProfileStoreTest, FindsByExactNameThenByIdInAnyCase) {
   const std::vector<RecoveryProfile> profiles = {profileNamed("Studio"), profileNamed(kOtherId, "x"),
                                                  profileNamed("Mini", kOtherId)};
-  EXPECT_EQ(RecoveryProfileStore::find(profiles, "Studio"), &profiles[0]);
+  EXPECT_EQ(RecoveryProfileStore::find(profiles, "Studio"), profiles.data());
   EXPECT_EQ(RecoveryProfileStore::find(profiles, "studio"), nullptr);
-  EXPECT_EQ(RecoveryProfileStore::find(profiles, kLowerId), &profiles[0]);
+  EXPECT_EQ(RecoveryProfileStore::find(profiles, kLowerId), profiles.data());
   EXPECT_EQ(RecoveryProfileStore::find(profiles, kOtherId), &profiles[1]);  // a name wins over another's id
 }
 
 TEST(RecoveryProfileStoreTest, DefaultPathFollowsAbsoluteXdgConfigHomeElseHome) {
   // NOLINTBEGIN(concurrency-mt-unsafe): the test's only thread touches the environment
-  const std::string home = ::getenv("HOME") != nullptr ? ::getenv("HOME") : "/";
+  const char* const savedHome = ::getenv("HOME");
+  const std::string home = savedHome != nullptr ? savedHome : "/";
   ::setenv("HOME", "/home/ana", 1);
   ::setenv("XDG_CONFIG_HOME", "/xdg", 1);
   EXPECT_EQ(RecoveryProfileStore::defaultPath(), "/xdg/harborkeeper/profiles.json");
