@@ -1,11 +1,12 @@
 #include "cli/cli_app.h"
 
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "cli/cli_test_support.h"
 
 namespace harborkeeper::cli {
 namespace {
@@ -29,14 +30,12 @@ TEST(CliAppTest, ExitStatusesWithoutADaemon) {
       {{"--socket", "/nonexistent/s", "version"}, 3, unreachable},
       {{"status", "--json", "--socket", "/nonexistent/s"}, 3, unreachable},
   };
-  for (auto [arguments, status, err] : cases) {
+  for (const auto& [arguments, status, err] : cases) {
     SCOPED_TRACE(err);
-    arguments.insert(arguments.begin(), "harborkeeper");
-    std::ostringstream out;
-    std::ostringstream error;
-    EXPECT_EQ(runCli(static_cast<int>(arguments.size()), arguments.data(), out, error), status);
-    EXPECT_THAT(error.str(), testing::StartsWith(err));
-    EXPECT_EQ(out.str().empty(), status != 0);
+    const testing_support::CliRun result = testing_support::run(arguments);
+    EXPECT_EQ(result.status, status);
+    EXPECT_THAT(result.err, testing::StartsWith(err));
+    EXPECT_EQ(result.out.empty(), status != 0);
   }
 }
 

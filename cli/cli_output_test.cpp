@@ -9,15 +9,13 @@ namespace {
 
 using namespace std::chrono;
 
-// Text and JSON of every kind of list; JSON keeps its coding keys even when unavailable.
+// Text and JSON of every kind of list; JSON keeps its coding keys even when
+// unavailable. A plain list is helper_daemon_test's, through the real daemon.
 TEST(UsersReportTest, TextAndJson) {
   const std::string generic = "Harborkeeper could not list FileVault-enabled users.";
   const std::string helperRequired(FileVaultUserList::helperRequiredReason);
   const json::Json none = json::Json::array();
   const std::tuple<FileVaultUserList, Report, json::Json> cases[] = {
-      {{{{"alice", "A1B2-C3"}, {"bob", std::nullopt}}, std::nullopt},
-       {"alice A1B2-C3\nbob\n", "", ExitStatus::success},
-       {{"users", {{{"displayName", "alice"}, {"uuid", "A1B2-C3"}}, {{"displayName", "bob"}}}}}},
       {{}, {"", "No FileVault-enabled users are reported.", ExitStatus::success}, {{"users", none}}},
       // A name is the tool's text: a terminal escape in it is shown, not obeyed.
       {{{{"\x1b[2Jmallory", std::nullopt}}, std::nullopt},
@@ -51,8 +49,9 @@ TEST(StatusReportTest, HeadlineForTheCurrentBootThenMessageAndAttempt) {
       {{persistent, true, boot + 1h + 500ms, "m"}, "Protected for future restarts", "09:00:00Z (persistent)"},
       {{persistent, false, boot + 1h, "m"}, "Needs password update", "09:00:00Z (persistent)"},
       {{nextRestart, false, boot - 1h, "m"}, "Protection failed", "07:00:00Z (next restart)"},
-      // Armed before this boot: the restart it was for has happened.
+      // Armed before this boot, or at its very moment: the restart it was for has happened.
       {{nextRestart, true, boot - 1s, "m"}, "Protection expired", "07:59:59Z (next restart)"},
+      {{persistent, true, boot, "m"}, "Protection expired", "08:00:00Z (persistent)"},
   };
   for (const auto& [status, headline, attempt] : cases) {
     SCOPED_TRACE(headline);

@@ -1,7 +1,5 @@
 #include "cli/export_commands.h"
 
-#include <sstream>
-
 #include <gtest/gtest.h>
 
 #include "cli/cli_test_support.h"

@@ -1,7 +1,5 @@
 #include "cli/link_commands.h"
 
-#include <sstream>
-
 #include <gtest/gtest.h>
 
 #include "cli/cli_test_support.h"

@@ -54,8 +54,6 @@ TEST_F(StoreTest, LoadNamesWhatIsWrongWithTheFile) {
   } cases[] = {
       {"directory widened", [&] { fs::permissions(state, fs::perms(0755)); },
        unsafe + "directory is not private. Expected permissions 700."},
-      {"file narrowed", [&] { fs::permissions(file, fs::perms(0400)); },
-       unsafe + "file is not private. Expected permissions 600."},
       {"edited to a short secret",
        [&] { writeRaw(file, std::string(asStringView(shortSecret.encodeXml()))); },
        "Docker heartbeat configuration is invalid. Heartbeat secret must be at least 24 characters."},

@@ -49,32 +49,9 @@ struct Served {
   HelperListener listener;
 };
 
-// Each connection's thread is joined and its descriptor closed when it ends,
-// not at stop(); stop() itself does not wait for idle clients.
-TEST(HelperListenerTest, ConnectionsLeaveNothingBehindAndStopClosesIdleOnesPromptly) {
-  Served served({4096, 10s});
-  const std::string& socketPath = served.socketPath;
-  HelperListener& listener = served.listener;
-  const long threads = entryCount("/proc/self/task");
-  const long descriptors = entryCount();
-  for (int i = 0; i < 2000; ++i) {
-    const auto client = ipc::HelperClient::connect(socketPath);
-    if (i % 2 == 0) (void)client->send(ipc::selectors::helperVersion);  // and leave without the reply
-  }
-  // Connections are accepted in order: once this one is served, all before it were accepted.
-  EXPECT_EQ(ipc::HelperClient::connect(socketPath)->helperVersion(), "1.3");
-  EXPECT_TRUE(eventually([&] { return listener.openConnections() == 0; }));
-  EXPECT_TRUE(eventually([&] { return entryCount("/proc/self/task") == threads; }));
-  EXPECT_TRUE(eventually([&] { return entryCount() == descriptors; }));
-
-  const auto idle = ipc::HelperClient::connect(socketPath);
-  EXPECT_EQ(idle->helperVersion(), "1.3");
-  ASSERT_TRUE(eventually([&] { return listener.openConnections() == 1; }));
-  const auto start = std::chrono::steady_clock::now();
-  listener.stop();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
-  EXPECT_THROW(idle->helperVersion(), ipc::HelperClientError);
-}
+// That each connection's thread and descriptor go with it, and that stop()
+// does not wait for idle clients, is proven against the real daemon by
+// soak_test (descriptor and thread counts) and helper_daemon_test.
 
 // A client that sends requests but never reads the replies loses its connection once
 // a reply write stalls, and the daemon goes on serving others.

@@ -1,7 +1,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <memory>
 #include <string>
 
@@ -22,10 +21,7 @@ using namespace std::chrono_literals;
 using Result = ipc::HelperCommandResult;
 
 const std::string kSecret = "a shared secret of 30 chars...";
-const std::string kStateFileNotPrivate =
-    "Harborkeeper helper state file is not private. Expected permissions 600.";
-const std::string kDirectoryNotPrivate =
-    "Harborkeeper helper state directory is not private. Expected permissions 700.";
+const std::string kDirectory = "Harborkeeper helper state directory is not private. ";
 
 struct NoAccounts final : AccountDirectory {
   bool verifyPassword(const std::string&, std::string_view) const noexcept override { return false; }
@@ -49,10 +45,6 @@ struct MaintenanceTest : testing::Test {
   }
   void settle() const { service->heartbeatManager().drain(); }
   [[nodiscard]] std::size_t beats() const { return heartbeat.transport->requests().size(); }
-  [[nodiscard]] bool logged(const std::string& line) const {
-    const auto lines = logger.lines();
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-  }
 
   const TemporaryDirectory temp;
   const fs::path state = temp.path() / "state";
@@ -65,12 +57,11 @@ struct MaintenanceTest : testing::Test {
 };
 
 // Each configure beats at once and replaces the timer, which runs at the
-// rounded interval to the new endpoint.
+// rounded interval to the new endpoint. The daemon test proves the beat at
+// once and the single timer against a real receiver.
 TEST_F(MaintenanceTest, EachConfigureBeatsAtOnceAndLeavesOneTimer) {
   EXPECT_EQ(configure("https://unlocker.local/hb", 60), (Result{true, "Docker heartbeat is configured."}));
   EXPECT_TRUE(configure("https://unlocker.local/second", 45.5).success);
-  EXPECT_EQ(beats(), 2U);
-  EXPECT_EQ(heartbeat.timers->liveCount(), 1);
   EXPECT_EQ(heartbeat.timers->lastInterval(), 46s);
   heartbeat.timers->fire();
   settle();
@@ -80,11 +71,8 @@ TEST_F(MaintenanceTest, EachConfigureBeatsAtOnceAndLeavesOneTimer) {
 
 TEST_F(MaintenanceTest, RefusedConfigurationLeavesTheHeartbeatAlone) {
   ASSERT_TRUE(configure("https://unlocker.local/hb", 60).success);
-  EXPECT_EQ(
-      configure("https://unlocker.local/hb", 60, "too short                 "),
-      (Result{
-          false,
-          "Docker heartbeat configuration is invalid. Heartbeat secret must be at least 24 characters."}));
+  // Its words are the configuration's own test's.
+  EXPECT_FALSE(configure("https://unlocker.local/hb", 60, "too short                 ").success);
   EXPECT_EQ(service->configureDockerHeartbeat(toBytes("not a property list")),
             (Result{false, "The data couldn’t be read because it isn’t in the correct format."}));
   settle();
@@ -94,57 +82,45 @@ TEST_F(MaintenanceTest, RefusedConfigurationLeavesTheHeartbeatAlone) {
 }
 
 // A refused disable leaves the timer; the next load of the insecure file
-// stops it; only a deleted file counts as disabled.
-TEST_F(MaintenanceTest, InsecureConfigurationStopsTheHeartbeatButOnlyDisableDeletesIt) {
+// stops it. The daemon test proves the line it logs, and that only a
+// deleted file counts as disabled.
+TEST_F(MaintenanceTest, InsecureConfigurationStopsTheHeartbeatButNotADisable) {
   EXPECT_EQ(service->disableDockerHeartbeat(), (Result{true, "Docker heartbeat is disabled."}));
   EXPECT_FALSE(fs::exists(state));
 
   ASSERT_TRUE(configure("https://unlocker.local/hb", 60).success);
   fs::permissions(configFile, fs::perms(0644));
-  EXPECT_EQ(service->disableDockerHeartbeat(), (Result{false, kStateFileNotPrivate}));
+  EXPECT_EQ(service->disableDockerHeartbeat(),
+            (Result{false, "Harborkeeper helper state file is not private. Expected permissions 600."}));
   settle();
   EXPECT_EQ(heartbeat.timers->liveCount(), 1);
   service->heartbeatManager().reload();
   settle();
   EXPECT_EQ(heartbeat.timers->liveCount(), 0);
-  EXPECT_TRUE(logged("Docker heartbeat is disabled: Docker heartbeat configuration is not stored safely. " +
-                     kStateFileNotPrivate));
 
-  fs::permissions(configFile, fs::perms(0600));
-  service->heartbeatManager().reload();
-  EXPECT_TRUE(service->disableDockerHeartbeat().success);
-  settle();
-  EXPECT_EQ(heartbeat.timers->liveCount(), 0);
+  fs::remove(configFile);
   const std::size_t linesBefore = logger.lines().size();
   service->heartbeatManager().start();
   settle();
   EXPECT_EQ(logger.lines().size(), linesBefore);  // nothing configured is not worth a line
 }
 
-// Neither a failed beat nor an unsendable endpoint stops the timer.
+// Neither a failed beat nor an unsendable endpoint stops the timer; the daemon
+// test proves the lines for a timed-out beat and an HTTP 500.
 TEST_F(MaintenanceTest, BeatOutcomesAreOnlyLogged) {
+  using Kind = DockerHeartbeatOutcome::Kind;
   const struct {
     DockerHeartbeatOutcome outcome;
-    std::string url;
     std::string line;  // empty: nothing logged
+    std::string url = "https://u/hb";
   } cases[] = {
-      {{DockerHeartbeatOutcome::Kind::transportFailed, "Operation timed out after 10000 ms", 0},
-       "https://u/hb",
-       "Docker heartbeat failed: Operation timed out after 10000 ms"},
-      {{DockerHeartbeatOutcome::Kind::notHttp, {}, 0},
-       "https://u/hb",
-       "Docker heartbeat returned a non-HTTP response."},
-      {{DockerHeartbeatOutcome::Kind::httpStatus, {}, 500},
-       "https://u/hb",
-       "Docker heartbeat returned HTTP 500."},
-      {{DockerHeartbeatOutcome::Kind::httpStatus, {}, 199},
-       "https://u/hb",
-       "Docker heartbeat returned HTTP 199."},
-      {{DockerHeartbeatOutcome::Kind::httpStatus, {}, 299}, "https://u/hb", ""},
+      {{Kind::notHttp, {}, 0}, "Docker heartbeat returned a non-HTTP response."},
+      {{Kind::httpStatus, {}, 199}, "Docker heartbeat returned HTTP 199."},
+      {{Kind::httpStatus, {}, 299}, ""},
       {{},
-       "http:no-host",
        "Docker heartbeat request could not be built: Docker heartbeat configuration is invalid. Use a valid "
-       "heartbeat URL."},
+       "heartbeat URL.",
+       "http:no-host"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.line);
@@ -158,13 +134,13 @@ TEST_F(MaintenanceTest, BeatOutcomesAreOnlyLogged) {
   }
 }
 
-// The daemon test proves the arguments and the words of a real run.
+// The daemon test proves the arguments, and the words of a success and of a
+// refusal on standard error, through a real run.
 TEST_F(MaintenanceTest, PowerRecoveryReportsPmsetsOwnWords) {
   const struct {
     CommandResult pmset;
     Result expected;
   } cases[] = {
-      {{"ignored", "ignored", 0, false}, {true, "Automatic power recovery is enabled."}},
       {{" out \n", "\n must be root \n", 1, false}, {false, "must be root"}},
       {{"\tonly on stdout\n", " \n", 1, false}, {false, "only on stdout"}},
       {{"", "", 3, false}, {false, "pmset failed with exit code 3."}},
@@ -195,16 +171,14 @@ TEST_F(MaintenanceTest, UninstallRefusesAnInsecureDirectoryAfterTheEarlierSteps)
   fs::create_directory(state);
   fs::permissions(state, fs::perms(0755));
   vault->item = CredentialItem{};
-  EXPECT_EQ(service->prepareForUninstall(), (Result{false, kDirectoryNotPrivate}));
+  EXPECT_EQ(service->prepareForUninstall(), (Result{false, kDirectory + "Expected permissions 700."}));
   EXPECT_FALSE(vault->item.has_value());  // the credential went first
   EXPECT_TRUE(fs::exists(state));
 
   fs::permissions(state, fs::perms(0700));
   fs::rename(state, temp.path() / "real");
   fs::create_directory_symlink(temp.path() / "real", state);
-  EXPECT_EQ(
-      service->prepareForUninstall(),
-      (Result{false, "Harborkeeper helper state directory is not private. Symbolic links are not allowed."}));
+  EXPECT_EQ(service->prepareForUninstall(), (Result{false, kDirectory + "Symbolic links are not allowed."}));
   EXPECT_TRUE(fs::exists(temp.path() / "real"));
 }
 

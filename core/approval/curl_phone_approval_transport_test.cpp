@@ -101,23 +101,12 @@ TEST(CurlPhoneApprovalTransportTest, FailuresSayWhatFailed) {
   }
 }
 
+// The phone approval and heartbeat end-to-end tests prove the words for a
+// refused connection, an unverifiable certificate and a timeout with detail.
 TEST(CurlPhoneApprovalTransportTest, FailureWordsForTheHeartbeatToo) {
-  const struct {
-    int code;
-    std::string_view detail;
-    std::string_view description;
-  } cases[] = {
-      {6, "Could not resolve host: nowhere", "could not resolve host (Could not resolve host: nowhere)"},
-      {7, "", "could not connect"},
-      {60, "SSL certificate problem",
-       "the server's certificate could not be verified (SSL certificate problem)"},
-      {28, "", "timed out after 60 s"},
-      {35, "", "the request failed"},
-  };
-  for (const auto& testCase : cases) {
-    SCOPED_TRACE(testCase.code);
-    EXPECT_EQ(httpFailureDescription(testCase.code, testCase.detail, 60s), testCase.description);
-  }
+  EXPECT_EQ(httpFailureDescription(6, "Could not resolve host: nowhere", 60s),
+            "could not resolve host (Could not resolve host: nowhere)");
+  EXPECT_EQ(httpFailureDescription(28, "", 60s), "timed out after 60 s");
 }
 
 }  // namespace

@@ -2,13 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include "core/foundation/uuid.h"
-
 namespace harborkeeper {
 namespace {
 
 using Kind = PhoneApprovalDecodingError::Kind;
-using namespace std::chrono_literals;
 
 constexpr std::string_view kMiddlewareRecord =
     R"({"requestId":"req_1","listenerId":"lst_1","profileId":"P","macName":"Mini","localHostname":"mini.local",)"
@@ -57,22 +54,22 @@ TEST(PhoneApprovalRecordsTest, MiddlewareRecordStatus) {
   }
 }
 
+// A stored approval request's own coding (its ids and dates) is
+// fuzz_phone_approval_records', replayed over its corpus; a body that is not
+// JSON at all is phone_approval_test's.
 TEST(PhoneApprovalRecordsTest, StrictTypesAndRequiredKeys) {
   constexpr auto registration = decodingFailure<PhoneApprovalListenerRegistrationRecord>;
   constexpr auto deviceList = decodingFailure<PhoneApprovalPairedDeviceListRecord>;
-  constexpr auto request = decodingFailure<PhoneApprovalRequest>;
   constexpr auto middleware = decodingFailure<PhoneApprovalMiddlewareRecord>;
-  constexpr std::string_view kRequestHead =
-      R"({"id":"e621e1f8-c36c-495a-93fc-0c247a3e6e5f","profileID":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F",)"
-      R"("macName":"m","localHostname":"h",)";
   const struct {
     std::string body;
     std::string (*decode)(std::string_view, Kind);
     Kind kind;
     std::string_view message;
   } cases[] = {
-      {R"({"listenerId":"l","listenerSecret":"s","registeredAt":"t","secretShownOnce":"true"})", registration,
-       Kind::wrongType, R"("secretShownOnce" must be a boolean.)"},
+      // The whole message: a wrongly typed value, here a secret, is never quoted.
+      {R"({"listenerId":"l","listenerSecret":"s","registeredAt":"t","secretShownOnce":"TOPSECRET"})",
+       registration, Kind::wrongType, R"("secretShownOnce" must be a boolean.)"},
       {R"({"listenerId":"l","listenerSecret":7,"registeredAt":"t","secretShownOnce":true})", registration,
        Kind::wrongType, R"("listenerSecret" must be a string.)"},
       {R"({"deviceId":"d","listenerId":"l","displayName":"Phone"})",
@@ -90,13 +87,6 @@ TEST(PhoneApprovalRecordsTest, StrictTypesAndRequiredKeys) {
        deviceList, Kind::missingKey, R"("devices" item 2: "registeredAt" is missing.)"},
       {R"({"devices":["d"]})", deviceList, Kind::wrongType, R"("devices" item 1 must be an object.)"},
       {"[]", middleware, Kind::notAnObject, "The record is not a JSON object."},
-      {"<html>502</html>", middleware, Kind::notJSON, "The response is not JSON."},
-      {R"({"id":"nope","profileID":"x"})", request, Kind::wrongType, R"("id" must be a UUID.)"},
-      {std::string(kRequestHead) + R"("requestedAt":"2025-11-15T16:20:00.1234567890Z"})", request,
-       Kind::wrongType, R"("requestedAt" must be an Internet date-time.)"},
-      {std::string(kRequestHead) +
-           R"("requestedAt":"2025-11-15T16:20:00.5Z","expiresAt":"2025-11-15T16:20:00.Z"})",
-       request, Kind::wrongType, R"("expiresAt" must be an Internet date-time.)"},
   };
   for (const auto& testCase : cases) {
     SCOPED_TRACE(testCase.body);
@@ -104,17 +94,12 @@ TEST(PhoneApprovalRecordsTest, StrictTypesAndRequiredKeys) {
   }
 }
 
-TEST(PhoneApprovalRecordsTest, OptionalExpiryAndSecretsNeverQuoted) {
+TEST(PhoneApprovalRecordsTest, AnAbsentExpiryIsWrittenAsNoKey) {
   const auto device = decodePhoneApprovalResponse<PhoneApprovalPairedDeviceRecord>(
       R"({"deviceId":"d","listenerId":"l","displayName":"n","registeredAt":"r","extra":1})");
   EXPECT_EQ(device.expiresAt, std::nullopt);
   EXPECT_EQ(json::serialize(encodePhoneApproval(device)),
             R"({"deviceId":"d","displayName":"n","listenerId":"l","registeredAt":"r"})");
-
-  const std::string message = decodingFailure<PhoneApprovalListenerRegistrationRecord>(
-      R"({"listenerId":"l","listenerSecret":"TOPSECRET","registeredAt":"t","secretShownOnce":"TOPSECRET"})",
-      Kind::wrongType);
-  EXPECT_EQ(message.find("TOPSECRET"), std::string::npos) << message;
 }
 
 TEST(PhoneApprovalRecordsTest, ResponseSizeLimit) {
@@ -125,23 +110,6 @@ TEST(PhoneApprovalRecordsTest, ResponseSizeLimit) {
   body += ' ';
   EXPECT_EQ(decodingFailure<PhoneApprovalMiddlewareRecord>(body, Kind::tooLarge),
             "The response is larger than 1 MiB.");
-}
-
-TEST(PhoneApprovalRecordsTest, RequestFromProfileRoundTrips) {
-  RecoveryProfile profile;
-  profile.id = "E621E1F8-C36C-495A-93FC-0C247A3E6E5F";
-  profile.macName = "Studio";
-  profile.localHostname = "studio.local";
-  const Date requestedAt{1763223600s + 123456789ns};
-  const auto request = PhoneApprovalRequest::make(profile, requestedAt, 300s);
-  EXPECT_TRUE(uuid::parse(request.id).has_value());
-  const json::Json encoded = encodePhoneApproval(request);
-  EXPECT_EQ(encoded.at("requestedAt"), "2025-11-15T16:20:00.123456789Z");
-  EXPECT_EQ(decodePhoneApproval<PhoneApprovalRequest>(json::parse(json::serialize(encoded))), request);
-
-  const auto whole = PhoneApprovalRequest::make(profile, Date{1763223600s + 250ms}, 1s);
-  EXPECT_EQ(encodePhoneApproval(whole).at("requestedAt"), "2025-11-15T16:20:00.25Z");
-  EXPECT_EQ(encodePhoneApproval(whole).at("expiresAt"), "2025-11-15T16:20:01.25Z");
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "core/foundation/base64.h"
 
-#include <random>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -8,6 +7,7 @@
 namespace harborkeeper::base64 {
 namespace {
 
+// Round trips of every remainder length are fuzz_base64's, replayed over its corpus.
 TEST(Base64Test, EncodesKnownVectors) {
   const struct Case {
     std::string plain, standard, url;
@@ -19,21 +19,6 @@ TEST(Base64Test, EncodesKnownVectors) {
     SCOPED_TRACE(c.standard);
     EXPECT_EQ(encode(c.plain), c.standard);
     EXPECT_EQ(encodeUrl(c.plain), c.url);
-  }
-}
-
-TEST(Base64Test, RoundTripsEveryLengthWithOptionalUrlPadding) {
-  std::mt19937 engine(20261115);
-  for (std::size_t length = 0; length <= 64; ++length) {
-    SCOPED_TRACE(length);
-    Bytes bytes(length);
-    for (auto& b : bytes) b = static_cast<std::uint8_t>(engine());
-    const std::string standard = encode(bytes);
-    std::string url = encodeUrl(bytes);
-    EXPECT_EQ(decode(standard), bytes);
-    EXPECT_EQ(decodeUrl(url), bytes);
-    url.resize(standard.size(), '=');
-    EXPECT_EQ(decodeUrl(url), bytes);
   }
 }
 

@@ -12,11 +12,10 @@ struct FixedClock final : Clock {
   std::chrono::nanoseconds uptime() const noexcept override { return 3 * 24h + 1500ms + 1ns; }
 };
 
-// The system's boot date lies in the past and is recomputed, not drifting, on every call.
+// The real clock's boot date is checked against the kernel's by the heartbeat
+// daemon test's receiver.
 TEST(BootTimeTest, IsNowMinusTimeSinceBoot) {
   EXPECT_EQ(BootTime::currentBootDate(FixedClock()), FixedClock().now() - 3 * 24h - 1500ms - 1ns);
-  EXPECT_LT(BootTime::currentBootDate(SystemClock::shared()), std::chrono::system_clock::now());
-  EXPECT_LT(std::chrono::abs(BootTime::currentBootDate() - BootTime::currentBootDate()), 5ms);
 }
 
 }  // namespace

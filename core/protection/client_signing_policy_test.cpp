@@ -9,19 +9,6 @@
 namespace harborkeeper {
 namespace {
 
-TEST(ClientSigningPolicyTest, CodeRequirementQuotesBothValuesEscapingBackslashFirst) {
-  const std::tuple<ClientSigningPolicy, std::string> cases[] = {
-      {ClientSigningPolicy::harborkeeper(),
-       R"(identifier "com.lumaq.Harborkeeper" and anchor apple generic and certificate leaf[subject.OU] = "K4T8QW17ZD")"},
-      {ClientSigningPolicy::harborkeeperHelper(),
-       R"(identifier "com.lumaq.Harborkeeper.Helper" and anchor apple generic and certificate leaf[subject.OU] = "K4T8QW17ZD")"},
-      // Escaping the quote first would double the backslash it adds.
-      {{R"(a\"b)", R"("t\)"},
-       R"(identifier "a\\\"b" and anchor apple generic and certificate leaf[subject.OU] = "\"t\\")"},
-  };
-  for (const auto& [policy, expected] : cases) EXPECT_EQ(policy.codeRequirementString(), expected);
-}
-
 TEST(ClientSigningPolicyTest, AllowsOnlyTheExactIdentifierAndTeam) {
   const std::tuple<std::string, std::optional<std::string>, bool> cases[] = {
       {"com.lumaq.Harborkeeper", "K4T8QW17ZD", true},

@@ -30,38 +30,5 @@ TEST(ParseFileVaultUsersTest, Table) {
   }
 }
 
-TEST(FileVaultUserListTest, Texts) {
-  const std::tuple<FileVaultUserList, std::string_view, std::string_view> cases[] = {
-      {FileVaultUserList::requiresHelper(), "Unknown", FileVaultUserList::helperRequiredReason},
-      // Never the tool's own text.
-      {unavailable("fdesetup list failed with exit code 1."), "Unknown",
-       "Harborkeeper could not list FileVault-enabled users."},
-      {{}, "None reported", "The helper did not report any FileVault-enabled users."},
-      {{{user("alice")}, {}}, "1 user", "Harborkeeper can offer detected users during setup."},
-      {{{user("alice"), user("bob")}, {}}, "2 users", "Harborkeeper can offer detected users during setup."},
-  };
-  for (const auto& [list, displayName, detail] : cases) {
-    SCOPED_TRACE(testing::Message() << displayName << ": " << detail);
-    EXPECT_EQ(list.isAvailable(), displayName != "Unknown");
-    EXPECT_EQ(list.displayName(), displayName);
-    EXPECT_EQ(list.detail(), detail);
-  }
-}
-
-TEST(FileVaultUserListTest, Coding) {
-  const FileVaultUserList list{{user("alice", "U/1"), user("bob")}, "why"};
-  const std::string binary = toString(list.encodeBinaryPlist());
-  EXPECT_EQ(binary.substr(0, 8), "bplist00");
-  EXPECT_EQ(FileVaultUserList::decode(binary), list);
-  EXPECT_EQ(
-      json::serialize(list.toJson()),
-      R"({"unavailableReason":"why","users":[{"displayName":"alice","uuid":"U/1"},{"displayName":"bob"}]})");
-  EXPECT_EQ(FileVaultUserList::decode(
-                "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>users</key><array><dict>"
-                "<key>displayName</key><string>alice</string><key>uuid</key><string>U/1</string></dict>"
-                "</array><key>unavailableReason</key><string>r</string></dict></plist>"),
-            (FileVaultUserList{{user("alice", "U/1")}, "r"}));
-}
-
 }  // namespace
 }  // namespace harborkeeper

@@ -8,7 +8,6 @@
 
 #include "core/foundation/json.h"
 #include "core/ipc/helper_protocol.h"
-#include "core/protection/protection_status_store.h"
 
 #include "tests/integration/daemon_harness.h"
 
@@ -31,30 +30,16 @@ TEST_F(DaemonTest, DirectRequestsThroughTheCliWithTheToolRunWithOnlyItsArgumentA
   // The stand-in refuses other arguments and any environment but the shell's own PWD.
   EXPECT_EQ(daemon.toolRuns(), "list\nlist\nlist\n");
 
+  // A recorded status is shown by restart_protection_test and fault_injection_test.
   const CliOutcome none(1, "", "harborkeeper: No protection status is recorded.");
   EXPECT_EQ(daemon.cli({"status"}), none);
   EXPECT_EQ(daemon.cli({"status", "--json"}), none);
-  const Date at = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
-  ProtectionStatusStore(daemon.dir / "state", 0).store({HelperProtectionMode::nextRestart, true, at, "Set."});
-  const std::string attempt = "Attempted at " + date_time::formatInternetDateTime(at) + " (next restart)";
-  EXPECT_EQ(daemon.cli({"status"}), CliOutcome(0, "Protected for the next restart\nSet.\n" + attempt, ""));
-}
-
-TEST_F(DaemonTest, UnavailableUsersAreAFailureWithTheGenericDetail) {
-  const Daemon daemon("fdesetup_fails_silently.sh");
-  EXPECT_EQ(daemon.cli({"users"}),
-            CliOutcome(1, "", "harborkeeper: Harborkeeper could not list FileVault-enabled users."));
-  const auto [status, out, err] = daemon.cli({"users", "--json"});
-  EXPECT_EQ(std::pair(status, json::parse(out)),
-            std::pair(1, json::Json{{"users", json::Json::array()},
-                                    {"unavailableReason", "fdesetup list failed with exit code 1."}}));
-  EXPECT_EQ(daemon.toolRuns(), "list\nlist\n");  // the tool ran and failed, rather than not starting
 }
 
 // Refused at accept, before any request byte is read: no reply, nothing run.
-TEST_F(DaemonTest, UntrustedCliCopiesGetNoReplyAndReachNothing) {
+// A copy the registry does not list is fault_injection_test's.
+TEST_F(DaemonTest, AnUnsafeCliCopyGetsNoReplyAndReachesNothing) {
   const TemporaryDirectory copies;
-  const std::string unlisted = copyExecutable(builtCli(), copies.path() / "a/harborkeeper", fs::perms(0755));
   const std::string listed = copyExecutable(builtCli(), copies.path() / "b/harborkeeper", fs::perms(0755));
   const Daemon daemon("fdesetup_lists_two_users.sh", {listed});
   // The listed copy is served while it is safe, so only its mode differs below.
@@ -62,9 +47,8 @@ TEST_F(DaemonTest, UntrustedCliCopiesGetNoReplyAndReachNothing) {
   fs::permissions(listed, fs::perms(0775));
 
   const std::string noReply = "harborkeeper: The Harborkeeper helper closed the connection without replying.";
-  EXPECT_EQ(daemon.cli({"users"}, unlisted), CliOutcome(3, "", noReply));
   EXPECT_EQ(daemon.cli({"users"}, listed), CliOutcome(3, "", noReply));
-  EXPECT_TRUE(eventually([&] { return daemon.logLines("Refused a client") == 2; })) << daemon.log();
+  EXPECT_TRUE(eventually([&] { return daemon.logLines("Refused a client") == 1; })) << daemon.log();
   EXPECT_EQ(daemon.toolRuns(), "");
 }
 
@@ -96,14 +80,12 @@ std::string requestFrame(std::string_view selector, plist::Value arguments = pli
 TEST_F(DaemonTest, MalformedOrStalledInputClosesOnlyItsOwnConnection) {
   const Daemon daemon;
   const auto bystander = daemon.client();
-  // {name, bytes, whether the peer then closes its writing side}
+  // {name, bytes, whether the peer then closes its writing side}; soak_test's
+  // misbehaving clients send bad lengths and wrong arguments too, under load.
   const std::tuple<const char*, std::string, bool> inputs[] = {
-      {"length 0", header(0) + "MARKER-zero", false},
-      {"length over 1 MiB", header((1u << 20) + 1) + "MARKER-oversized", false},
       {"truncated frame, then close", header(64) + "MARKER-truncated", true},
       {"not a property list", frame(toBytes("MARKER-plain-text")), false},
       {"unknown selector", requestFrame("MARKERUnknownWithReply:"), false},
-      {"wrong argument count", requestFrame(helperVersion, plist::Array{"MARKER-extra"}), false},
       // The direct requests take no argument, so the list itself is of the wrong type.
       {"wrong argument type", requestFrame(helperVersion, std::string("MARKER-not-a-list")), false},
   };

@@ -193,25 +193,5 @@ TEST_F(RecoverySshdTest, CliTrustsChecksAndUnlocks) {
   EXPECT_EQ(mac.logLines("Failed password for " + mac.fileVaultUser()), 1u);
 }
 
-// A host that ssh would read as an option is refused before any tool starts.
-TEST(RecoveryWithoutSshdTest, HostThatReadsAsAnOptionStartsNoTool) {
-  const TemporaryDirectory dir;
-  const fs::path witness = dir.path() / "proxy-command-ran";
-  const CommandRunner runner(30);
-  const Service service(runner);
-  RecoveryProfile profile;
-  profile.localHostname = "-oProxyCommand=touch " + witness.string();
-  profile.fileVaultUsername = "admin";
-  const Result invalid{State::needsAttention, "Invalid hostname.", std::nullopt};
-  for (const Policy policy : {Policy::requireVerifiedHostKey, Policy::allowUnverifiedLocalNetwork}) {
-    SCOPED_TRACE(rawValue(policy));
-    profile.hostKeyTrustPolicy = policy;
-    EXPECT_EQ(service.checkRecoveryState(profile), invalid);
-    EXPECT_EQ(service.unlockLockedMac(profile, "secret"), invalid);
-  }
-  EXPECT_FALSE(fs::exists(witness));
-  EXPECT_TRUE(hasNoChildren());
-}
-
 }  // namespace
 }  // namespace harborkeeper

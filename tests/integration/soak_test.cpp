@@ -3,7 +3,6 @@
 
 #include <unistd.h>
 
-#include <functional>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -75,31 +74,28 @@ TEST_F(SoakTest, StateFileCheckNamesEveryFault) {
   const Bytes status =
       HelperProtectionStatus{HelperProtectionMode::nextRestart, true, Date(), "Armed."}.encodeXml();
   const std::string whole(status.begin(), status.end());
+  // A file of the state directory written over the whole status (none: nothing
+  // damaged), whether a kill may have left temporary copies, the start of the problem.
   const struct {
-    const char* name;
-    std::function<void()> damage;
+    const char* file;
+    std::string content;
+    unsigned mode;
     bool temporaryCopiesAllowed;
     std::string expected;
   } cases[] = {
-      {"whole", [] {}, false, ""},
-      {"truncated", [&] { writeRaw(state / "ProtectionStatus.plist", whole.substr(0, whole.size() / 2)); },
-       false, "ProtectionStatus.plist: "},
-      {"readable by others", [&] { fs::permissions(state / "ProtectionStatus.plist", fs::perms(0644)); },
-       false, "ProtectionStatus.plist: not private"},
-      {"not sealed", [&] { writeRaw(state / "PersistentCredential.cred", "plain"); }, false,
-       "PersistentCredential.cred: does not unseal"},
-      {"temporary copy", [&] { writeRaw(state / ".ProtectionStatus.plist.Ab3dE6gH", whole); }, false,
-       "a temporary copy is left"},
-      {"temporary copy after a kill", [&] { writeRaw(state / ".ProtectionStatus.plist.Ab3dE6gH", whole); },
-       true, ""},
-      {"stray", [&] { writeRaw(state / "ProtectionStatus.plist.bak", whole); }, true,
-       "ProtectionStatus.plist.bak: not a state file"},
+      {"", "", 0, false, ""},
+      {"ProtectionStatus.plist", whole.substr(0, whole.size() / 2), 0600, false, "ProtectionStatus.plist: "},
+      {"ProtectionStatus.plist", whole, 0644, false, "ProtectionStatus.plist: not private"},
+      {"PersistentCredential.cred", "plain", 0600, false, "PersistentCredential.cred: does not unseal"},
+      {".ProtectionStatus.plist.Ab3dE6gH", whole, 0600, false, "a temporary copy is left"},
+      {".ProtectionStatus.plist.Ab3dE6gH", whole, 0600, true, ""},
+      {"ProtectionStatus.plist.bak", whole, 0600, true, "ProtectionStatus.plist.bak: not a state file"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(std::string(c.file) + (c.temporaryCopiesAllowed ? " after a kill" : ""));
     for (const auto& entry : fs::directory_iterator(state)) fs::remove(entry.path());
     writeRaw(state / "ProtectionStatus.plist", whole);
-    c.damage();
+    if (*c.file) writeRaw(state / c.file, c.content, fs::perms(c.mode));
     const std::vector<std::string> problems = stateFileProblems(target, c.temporaryCopiesAllowed);
     if (c.expected.empty()) {
       EXPECT_TRUE(problems.empty()) << problems.front();

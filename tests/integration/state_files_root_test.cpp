@@ -27,7 +27,6 @@ TEST(StateFilesRootTest, RootOwnedStateIsUsedAndStateOfNobodysRefused) {
   store.store({});
   EXPECT_EQ(ownerAndMode(dir), std::pair(0u, 0700u));
   EXPECT_EQ(ownerAndMode(file), std::pair(0u, 0600u));
-  EXPECT_EQ(HelperProtectionStatus::decode(toString(store.loadData().value())), HelperProtectionStatus{});
 
   // A file of nobody's is refused even at 0600; the atomic write puts a root-owned one in its place.
   ASSERT_EQ(::chown(file.c_str(), 65534, 65534), 0);
