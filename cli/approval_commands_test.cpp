@@ -57,10 +57,10 @@ TEST(ApprovalConfigurationTest, SavedPrivatelyAndReadBackWithoutEverShowingTheSe
       {good, 0640,
        file + " holds the listener secret but other users may read or change it; it must be yours "
               "with mode 0600."},
-      {"{\"listenerSecret\": \"" + std::string(kSecret) + "\"}", 0600,
+      {R"({"listenerSecret": ")" + std::string(kSecret) + R"("})", 0600,
        file + ": \"endpointURL\" is missing or not of the right type."},
-      {"{\"endpointURL\":\"u\",\"listenerID\":\"l\",\"listenerSecret\":\"" + std::string(kSecret) +
-           "\",\"defaultTTLSeconds\":0}",
+      {R"({"endpointURL":"u","listenerID":"l","listenerSecret":")" + std::string(kSecret) +
+           R"(","defaultTTLSeconds":0})",
        0600, file + ": \"defaultTTLSeconds\" must be positive."},
       {std::string(kSecret) + "{", 0600, file + " is not JSON."},
   };
@@ -159,7 +159,8 @@ TEST(ApprovalOutputTest, QRCodeDrawsFinderPatternsInTheCorners) {
   for (std::string line; std::getline(lines, line);) {
     ASSERT_TRUE(line.starts_with("\x1B[30;107m") && line.ends_with("\x1B[0m"));
     line = line.substr(9, line.size() - 13);
-    std::vector<bool> top, bottom;
+    std::vector<bool> top;
+    std::vector<bool> bottom;
     for (std::size_t i = 0; i < line.size(); i += line[i] == ' ' ? 1 : 3) {
       const std::string cell = line.substr(i, line[i] == ' ' ? 1 : 3);
       top.push_back(cell == "\u2588" || cell == "\u2580");
@@ -180,8 +181,9 @@ TEST(ApprovalOutputTest, QRCodeDrawsFinderPatternsInTheCorners) {
       }
     }
   }
-  for (int i = 0; i < size; ++i)
+  for (int i = 0; i < size; ++i) {
     EXPECT_FALSE(dark[0][i] || dark[i][0] || dark[size - 1][i] || dark[i][size - 1]);
+  }
   EXPECT_EQ(outcome([] { (void)qrCodeText(std::string(8000, 'x')); }), "The text is too long for a QR code.");
 }
 

@@ -49,7 +49,8 @@ TEST(CredentialStoreTest, StoringReplacesTheOneItemWithATrimmedAccount) {
   CredentialStore store(vault);
   store.store("alice", "first");
   store.store(" \talice\n", "  second pass  ");
-  const std::string remove = "delete " + kService, add = "add " + kService;
+  const std::string remove = "delete " + kService;
+  const std::string add = "add " + kService;
   EXPECT_EQ(vault->calls, (std::vector<std::string>{"resolve", remove, add, "resolve", remove, add}));
   EXPECT_EQ(vault->item.value().account, "alice");
   EXPECT_EQ(vault->item->passwordData, "  second pass  ");

@@ -37,8 +37,8 @@ struct MaintenanceTest : testing::Test {
         logger);
   }
 
-  Result configure(const std::string& url, double interval, const std::string& secret = kSecret) {
-    const Result result = service->configureDockerHeartbeat(
+  Result configure(const std::string& url, double interval, const std::string& secret = kSecret) const {
+    Result result = service->configureDockerHeartbeat(
         DockerHeartbeatConfiguration{url, "docker-1", secret, interval}.encodeXml());
     settle();
     return result;

@@ -121,33 +121,35 @@ const std::string kUnclearable =
 // a rejected re-arm, failing tools, storage faults) are proven end to end by
 // restart_protection_test and fault_injection_test instead.
 TEST_F(ProtectionTest, StateTable) {
-  struct Row {
+  struct Row {  // NOLINT(clang-analyzer-optin.performance.Padding): fields in the order a row reads
     Request request;
     std::vector<Change> changes;
     bool success;
     std::string message;
-    std::optional<Mode> recordedAs;
     bool credentialKept;
+    std::optional<Mode> recordedAs;
   };
-  const std::optional<Mode> once = Mode::nextRestart, persistent = Mode::persistent, noFile;
+  const std::optional<Mode> once = Mode::nextRestart;
+  const std::optional<Mode> persistent = Mode::persistent;
+  const std::optional<Mode> noFile;
   const Row rows[] = {
-      {arm, {}, true, kArmed, once, true},
-      {arm, {twoUsers}, false, kCount, once, true},
-      {arm, {passwordChanged}, false, kRejected, once, true},
+      {arm, {}, true, kArmed, true, once},
+      {arm, {twoUsers}, false, kCount, true, once},
+      {arm, {passwordChanged}, false, kRejected, true, once},
       // The earlier credential is gone before the password is looked at.
-      {enable, {}, false, kRejected, persistent, false},
-      {enable, {otherUser}, false, kOtherUser, persistent, false},
+      {enable, {}, false, kRejected, false, persistent},
+      {enable, {otherUser}, false, kOtherUser, false, persistent},
       // Not checkable is not wrong: the credential stays.
-      {enable, {listFails}, false, kUnverifiable, persistent, true},
-      {enable, {deleteFails}, false, kUnclearable, persistent, true},
-      {enable, {newPasswordSet, armFails}, false, kArmFailed, persistent, false},
+      {enable, {listFails}, false, kUnverifiable, true, persistent},
+      {enable, {deleteFails}, false, kUnclearable, true, persistent},
+      {enable, {newPasswordSet, armFails}, false, kArmFailed, false, persistent},
       // Never enabled, but a persistent status before: it is overwritten.
-      {rearm, {nothingStored, persistentBefore}, false, kMissing, persistent, false},
-      {rearm, {unusableStored}, false, "The stored Harborkeeper credential is invalid.", persistent, false},
+      {rearm, {nothingStored, persistentBefore}, false, kMissing, false, persistent},
+      {rearm, {unusableStored}, false, "The stored Harborkeeper credential is invalid.", false, persistent},
       // Unreadable now is not gone: kept for the next launch.
-      {rearm, {unresolved}, false, kUnresolved, persistent, true},
-      {disable, {nothingStored}, true, kDisabled, noFile, false},
-      {disable, {deleteFails}, false, kUnremovable, noFile, true},
+      {rearm, {unresolved}, false, kUnresolved, true, persistent},
+      {disable, {nothingStored}, true, kDisabled, false, noFile},
+      {disable, {deleteFails}, false, kUnremovable, true, noFile},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(testing::Message() << "row " << &row - rows << ": " << row.message);

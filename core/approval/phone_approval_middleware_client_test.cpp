@@ -66,7 +66,7 @@ TEST(PhoneApprovalMiddlewareClientTest, EndpointResolution) {
 TEST(PhoneApprovalMiddlewareClientTest, OnlyListenerOperationsNeedCredentials) {
   for (const auto& [id, secret] :
        std::vector<std::pair<std::string, std::string>>{{"lst_123", "  "}, {"\n\t", "secret"}, {"", ""}}) {
-    SCOPED_TRACE("id=" + id + " secret=" + secret);
+    SCOPED_TRACE(::testing::Message() << "id=" << id << " secret=" << secret);
     Fixture fixture(id, secret);
     try {
       fixture.client.createApprovalRequest({"R", "P", "m", "h", kNow, kNow + 300s});

@@ -43,7 +43,7 @@ TEST(PhoneApprovalRecordsTest, MiddlewareRecordStatus) {
       {"\"Pending\"", Kind::unknownValue, R"("status": unknown value "Pending".)"},
       {"\"" + std::string(40, 'x') + "\"", Kind::unknownValue,
        R"("status": unknown value ")" + std::string(32, 'x') + R"(...".)"},
-      {"\"a\\\"b\\n\"", Kind::unknownValue, R"("status": unknown value "a\"b\n".)"},
+      {R"("a\"b\n")", Kind::unknownValue, R"("status": unknown value "a\"b\n".)"},
       {"1", Kind::wrongType, R"("status" must be a string.)"},
       {"null", Kind::missingKey, R"("status" is missing.)"},
   };

@@ -52,9 +52,11 @@ TEST(HelperClientTest, ManyThreadsPipelineAndWaitInAnyOrder) {
       [](FrameStream& stream, const Request& request) { stream.writeFrame(echo(request)); });
   const auto client = HelperClient::connect(server.path);
   std::vector<std::jthread> threads;
+  threads.reserve(4);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
       std::vector<std::future<plist::Array>> futures;
+      futures.reserve(1500);
       const auto text = [t](int i) {
         return i == 7 ? std::string(maximumFrameLength / 2, char('a' + t)) : std::to_string(t * 10000 + i);
       };

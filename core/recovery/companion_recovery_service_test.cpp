@@ -120,19 +120,20 @@ TEST(CompanionRecoveryServiceTest, TranscriptsClassifyByFirstMatchingRule) {
   const std::optional<std::string> fp = "SHA256:fp";
   // Output, the two flags (ambiguous and generic failures count as locked), the answer.
   const std::tuple<CommandResult, bool, bool, CompanionRecoveryCheckResult> probes[] = {
-      {says("System successfully unlocked. " + kLockedOut), 0, 0,
+      {says("System successfully unlocked. " + kLockedOut), false, false,
        check(State::unlocked, "Mac unlocked.", fp)},
-      {{"Password:", "THIS SYSTEM IS LOCKED", 255, false}, 1, 1, check(State::locked, kPrompt, fp)},
-      {{"to unlock it, use a local", "", -2, true}, 0, 0, check(State::locked, kPrompt, fp)},
-      {says("Password:", 0), 1, 1, check(State::online, normal, fp)},
-      {{"Password:", "", -2, true}, 1, 1, check(State::offline, "Recovery check timed out.")},
-      {says("Password:"), 1, 0, check(State::locked, kAmbiguous, fp, true)},
-      {says("password:"), 0, 1, check(State::sshReachable, normal, fp)},
-      {says(denied), 1, 1, check(State::locked, kAmbiguous, fp, true)},
-      {says(denied), 1, 0, check(State::sshReachable, unproved, fp)},
-      {says(denied), 0, 1, check(State::sshReachable, unproved, fp)},
-      {kRefused, 1, 1, check(State::offline, "Mac is not reachable.")},
-      {says("kex_exchange_identification: read: reset"), 1, 1, check(State::needsAttention, kUnclear, fp)},
+      {{"Password:", "THIS SYSTEM IS LOCKED", 255, false}, true, true, check(State::locked, kPrompt, fp)},
+      {{"to unlock it, use a local", "", -2, true}, false, false, check(State::locked, kPrompt, fp)},
+      {says("Password:", 0), true, true, check(State::online, normal, fp)},
+      {{"Password:", "", -2, true}, true, true, check(State::offline, "Recovery check timed out.")},
+      {says("Password:"), true, false, check(State::locked, kAmbiguous, fp, true)},
+      {says("password:"), false, true, check(State::sshReachable, normal, fp)},
+      {says(denied), true, true, check(State::locked, kAmbiguous, fp, true)},
+      {says(denied), true, false, check(State::sshReachable, unproved, fp)},
+      {says(denied), false, true, check(State::sshReachable, unproved, fp)},
+      {kRefused, true, true, check(State::offline, "Mac is not reachable.")},
+      {says("kex_exchange_identification: read: reset"), true, true,
+       check(State::needsAttention, kUnclear, fp)},
   };
   for (const auto& [output, ambiguousIsLocked, genericIsLocked, expected] : probes) {
     SCOPED_TRACE(output.standardOutput + "|" + output.standardError);

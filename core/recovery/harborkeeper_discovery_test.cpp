@@ -37,7 +37,7 @@ TEST(HarborkeeperDiscoveryTest, HostNamesBecomeLocalNames) {
       {" mini.local.\n", "", "mini.local"},  {"mini.localhost", "", "mini.localhost.local"},
       {" \n", "box.", "box.local"},          {"", "  ", "localhost"}};
   for (const auto& [configured, process, expected] : cases) {
-    SCOPED_TRACE(configured + " / " + process);
+    SCOPED_TRACE(::testing::Message() << configured << " / " << process);
     EXPECT_EQ(Discovery::localBonjourHostname(configured, process), expected);
   }
 }

@@ -22,7 +22,7 @@ using namespace testing_support;
 using Outcome = std::tuple<int, std::string, std::string>;  // exit code, standard output, standard error
 
 CommandResult runTool(const std::string& tool, const std::vector<std::string>& arguments) {
-  const CommandResult result = CommandRunner(30).run(tool, arguments);
+  CommandResult result = CommandRunner(30).run(tool, arguments);
   EXPECT_EQ(result.exitCode, 0) << tool << ": " << result.standardError;
   return result;
 }

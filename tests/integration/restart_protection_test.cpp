@@ -57,7 +57,7 @@ class ProtectionDaemonTest : public DaemonTest {
     for (std::string line; std::getline(lines, line);) documents.push_back(json::parse(line));
     return documents;
   }
-  [[nodiscard]] json::Json document(const std::string& username, const std::string& typed) const {
+  [[nodiscard]] static json::Json document(const std::string& username, const std::string& typed) {
     return {{"Password", typed}, {"Username", username}};
   }
   [[nodiscard]] std::optional<HelperProtectionStatus> status() const {
@@ -100,8 +100,7 @@ class ProtectionDaemonTest : public DaemonTest {
 TEST_F(ProtectionDaemonTest, OneTimeArmingChecksThePasswordBeforeArming) {
   std::vector<std::string> outputs;
   const auto arm = [&](const std::string& name, const std::string& typed) {
-    const CliOutcome outcome =
-        daemon->cli({"arm", "--user", name, "--password-stdin"}, builtCli(), typed + "\n");
+    CliOutcome outcome = daemon->cli({"arm", "--user", name, "--password-stdin"}, builtCli(), typed + "\n");
     outputs.push_back(std::get<1>(outcome) + std::get<2>(outcome));
     return outcome;
   };
